@@ -35,5 +35,7 @@ mount --bind "$scratch" /etc
 # stamps; neither may touch the host's.
 mount -t tmpfs -o mode=0755 ferrygate-run /run
 mkdir -p /run/sshd /run/lock
+# Test accounts get their home directories here, never on the host.
+mount -t tmpfs -o mode=0755 ferrygate-home /home
 export FERRYGATE_SANDBOXED=1
 exec "$@"

@@ -1,0 +1,27 @@
+#include "commons/secrets.h"
+
+#include <gtest/gtest.h>
+
+namespace tavik {
+namespace {
+
+TEST(Secrets, EveryOccurrenceIsMaskedAndLongerSecretsWin) {
+    clearSecrets();
+    registerSecret("");
+    registerSecret("pw");
+    registerSecret("pw-long");
+    EXPECT_EQ("a *** b *** c ***", maskSecrets("a pw b pw-long c pw"));
+    EXPECT_EQ("nothing here", maskSecrets("nothing here"));
+    clearSecrets();
+    EXPECT_EQ("pw", maskSecrets("pw"));
+}
+
+TEST(Secrets, MaskThatContainsTheSecretDoesNotLoop) {
+    clearSecrets();
+    registerSecret("*");
+    EXPECT_EQ("******", maskSecrets("**"));
+    clearSecrets();
+}
+
+}  // namespace
+}  // namespace tavik
