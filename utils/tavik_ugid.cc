@@ -14,8 +14,9 @@ namespace {
 char userNameBuffer[4096];
 char homeBuffer[4096];
 
-// getpwnam and friends leave errno alone when the entry simply does not exist.
-const char* lookupError() { return strerror(errno); }
+// getpwnam and friends leave errno at 0 when the entry simply does not exist, and "Success"
+// would read as nonsense.
+const char* lookupError() { return errno != 0 ? strerror(errno) : "not found"; }
 }  // namespace
 
 unsigned get_user_id(const char* name) {

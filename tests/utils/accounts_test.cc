@@ -42,7 +42,8 @@ TEST(Accounts, MissingAccountGivesZeroAndAMessage) {
     EXPECT_EQ(-1, tavik_getpw("no-such-account-fg", &uid, nullptr, nullptr));
     const std::string err = testing::internal::GetCapturedStderr();
     EXPECT_EQ(77u, uid);
-    EXPECT_NE(std::string::npos, err.find("Unable to find uid for user no-such-account-fg: "));
+    EXPECT_NE(std::string::npos,
+              err.find("Unable to find uid for user no-such-account-fg: not found\n"));
     EXPECT_NE(std::string::npos, err.find("Unable to getpwnam for user no-such-account-fg"));
 }
 
