@@ -57,9 +57,9 @@ bool isBlank(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
 // The end of the value under the file's long-standing trimming rule: white space after the
 // first character alternately sets and clears a cut point, so a trailing run of odd length
 // loses its last character and one of even length stays whole.
-const char* valueEnd(const char* begin, const char* end) {
-    const char* cut = nullptr;
-    for (const char* p = begin + 1; p < end; ++p) {
+char* valueEnd(char* begin, char* end) {
+    char* cut = nullptr;
+    for (char* p = begin + 1; p < end; ++p) {
         if (isBlank(*p) && cut == nullptr) {
             cut = p;
         } else {
@@ -90,7 +90,7 @@ int readLine(char* line, conf_data* conf) {
     char* value = p;
     char* comment = strchr(value, '#');
     char* end = comment != nullptr ? comment : value + strlen(value);
-    *const_cast<char*>(valueEnd(value, end)) = '\0';
+    *valueEnd(value, end) = '\0';
     *nameEnd = '\0';
     return conf_set_r(name, value, conf);
 }

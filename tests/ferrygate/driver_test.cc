@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <boost/filesystem.hpp>
+#include <cstdlib>
 #include <string>
 
 #include "support/run_program.h"
@@ -47,10 +48,10 @@ bool isEmptyDir(const std::string& dir) {
 
 TEST(Driver, HelpPrintsTheUsageAndCreatesNothing) {
     ScratchDir cwd;
+    // A password in the environment does not matter: help is answered before verification.
+    setenv("HMX_PASSWORD", "pw", 1);
     for (const char* help : {"--help", "-h"}) {
-        // A password in the environment does not matter: help is answered before verification.
-        ProgramResult r = runProgram(FERRYGATE_BINARY, {help, "--session-path", "s"}, cwd.path(),
-                                     {{"HMX_PASSWORD", "pw"}});
+        ProgramResult r = runProgram(FERRYGATE_BINARY, {help, "--session-path", "s"}, cwd.path());
         EXPECT_EQ(0, r.exitCode) << help;
         EXPECT_EQ(kUsage, r.out) << help;
         EXPECT_EQ("", r.err) << help;
@@ -101,10 +102,8 @@ TEST(Driver, AnUncreatableSessionIsReportedAsUncaught) {
     ProgramResult r =
         runProgram(FERRYGATE_BINARY, {"--send-scout", "--session-path=file"}, cwd.path());
     EXPECT_EQ(1, r.exitCode);
-    EXPECT_EQ(
-        "Uncaught ExTraceableException: UnableToCreateSession: Unable to create session: "
-        "Unable to create session directory\n",
-        r.err);
+    EXPECT_EQ(0u, r.err.find("Uncaught ExTraceableException: ")) << r.err;
+    EXPECT_NE(std::string::npos, r.err.find("Unable to create session directory\n")) << r.err;
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 #ifndef FERRYGATE_TESTS_SUPPORT_RUN_PROGRAM_H
 #define FERRYGATE_TESTS_SUPPORT_RUN_PROGRAM_H
 
-#include <map>
 #include <string>
 #include <vector>
 
@@ -15,11 +14,10 @@ struct ProgramResult {
     std::string err;
 };
 
-// Runs `program` with `args` in directory `cwd`, its environment being this process's with
-// `env` added (an empty value removes the variable), standard input empty.
+// Runs `program` with `args` (no single quotes in them) in `cwd`, with this process's
+// environment and an empty standard input.
 ProgramResult runProgram(const std::string& program, const std::vector<std::string>& args,
-                         const std::string& cwd,
-                         const std::map<std::string, std::string>& env = {});
+                         const std::string& cwd);
 
 }  // namespace testing
 }  // namespace tavik

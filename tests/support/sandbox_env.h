@@ -12,9 +12,10 @@ namespace testing {
 bool inSandbox();
 // Creates or replaces `path` (and its missing parents) with `text`.
 void writeTextFile(const std::string& path, const std::string& text);
-// Adds a system account without a home directory (useradd -M -r); true on success.
+// Adds a system account without a home directory (useradd -M -r), inside the sandbox only.
 bool addSystemAccount(const std::string& name);
-// A fresh directory below /tmp, removed by the destructor with everything in it.
+
+// A fresh directory below /tmp, removed with everything in it by the destructor.
 class ScratchDir {
   public:
     ScratchDir();
