@@ -19,7 +19,7 @@ struct DumpFile {
 };
 
 class AgentFileList {
-public:
+  public:
     virtual ~AgentFileList();
     // The files in document order.
     virtual const std::vector<DumpFile>& getFileList() const = 0;
@@ -32,7 +32,7 @@ public:
 // Root element "contentlist"; each "file" child gives a file by its text (the name) and its
 // attributes "size" and "md5sum". Other children are ignored.
 class XmlAgentFileList : public tXmlRkuDocument, public AgentFileList {
-public:
+  public:
     // Parses `content` (the XML text itself): a missing attribute fails with NoSuchAttribute,
     // a size that is not a decimal number with boost::bad_lexical_cast.
     explicit XmlAgentFileList(const std::string& content);
@@ -42,7 +42,7 @@ public:
     uint64_t getTotalSize() const override;
     uint64_t getUnpackedSize() const override;
 
-private:
+  private:
     std::vector<DumpFile> files_;
 };
 

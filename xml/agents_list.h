@@ -10,7 +10,7 @@
 namespace tavik {
 
 class AgentsList {
-public:
+  public:
     virtual ~AgentsList();
     // Appends one agent, after those added before.
     virtual void addAgent(const std::string& name, const std::string& description) = 0;
@@ -20,7 +20,7 @@ public:
 // Root element "agents-list"; each agent an "agent" element holding the text elements "name"
 // and "description", in this order.
 class XmlAgentsList : public tXmlRkuDocument, public AgentsList {
-public:
+  public:
     XmlAgentsList();
     ~XmlAgentsList() noexcept override;
 

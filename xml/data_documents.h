@@ -15,7 +15,7 @@ namespace tavik {
 
 // The answer of one command-gate call.
 class CliGateResponse {
-public:
+  public:
     virtual ~CliGateResponse();
     virtual bool isOk() const = 0;
     virtual int64_t getReturn() const = 0;
@@ -27,7 +27,7 @@ public:
 // Root "cli": "ok" (present or not), "return", "stdout", "stderr", and the error text in
 // "failure".
 class XmlCliGateResponse : public tXmlRkuDocument, public CliGateResponse {
-public:
+  public:
     explicit XmlCliGateResponse(const std::string& content);
     ~XmlCliGateResponse() noexcept override;
 
@@ -42,7 +42,7 @@ public:
 std::unique_ptr<CliGateResponse> getCliGateResponse(const std::string& content);
 
 class DatabaseCredentials {
-public:
+  public:
     virtual ~DatabaseCredentials();
     virtual std::string getUsername() const = 0;
     virtual std::string getPassword() const = 0;
@@ -51,7 +51,7 @@ public:
 
 // Root "credentials": "username", "password", "not-configured" (present or not).
 class XmlDatabaseCredentials : public tXmlRkuDocument, public DatabaseCredentials {
-public:
+  public:
     explicit XmlDatabaseCredentials(const std::string& content);
     ~XmlDatabaseCredentials() noexcept override;
 
@@ -63,7 +63,7 @@ public:
 std::unique_ptr<DatabaseCredentials> getDatabaseCredentials(const std::string& content);
 
 class AdminLocation {
-public:
+  public:
     virtual ~AdminLocation();
     virtual std::string getCountry() const = 0;
     virtual std::string getState() const = 0;
@@ -72,7 +72,7 @@ public:
 
 // Root "admin": "country", "state", "zip".
 class XmlAdminLocation : public tXmlRkuDocument, public AdminLocation {
-public:
+  public:
     explicit XmlAdminLocation(const std::string& content);
     ~XmlAdminLocation() noexcept override;
 
@@ -85,7 +85,7 @@ std::unique_ptr<AdminLocation> getAdminLocation(const std::string& content);
 
 // What a deployed agent reported about itself; read from a file, root "agentstatus".
 class XmlAgentDeploymentStatusDocument : public tXmlRkuDocument {
-public:
+  public:
     explicit XmlAgentDeploymentStatusDocument(const std::string& fileName);
 
     // The text of the first "statusfile" child: the agent's status file on the source host.

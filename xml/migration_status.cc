@@ -98,8 +98,7 @@ void XmlMigrationStatus::setTransferCurrentFileSizeLeft(const std::string& size)
     state_ = transfer;
 }
 
-void XmlMigrationStatus::setDeployTotals(const std::string& accounts,
-                                         const std::string& domains) {
+void XmlMigrationStatus::setDeployTotals(const std::string& accounts, const std::string& domains) {
     totalAccounts_ = accounts;
     totalDomains_ = domains;
     state_ = deploy;
@@ -149,7 +148,8 @@ void XmlMigrationStatus::build() {
             addAttribute(root_, "completed-domains", completedDomains_);
             if (!currentObjectName_.empty()) {
                 xmlNode* object = newTextChild(root_, "current-object", currentObjectName_);
-                addAttribute(object, "type", currentObjectType_ == objAccount ? "account" : "domain");
+                addAttribute(object, "type",
+                             currentObjectType_ == objAccount ? "account" : "domain");
             }
             break;
         case dump:

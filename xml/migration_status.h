@@ -12,8 +12,8 @@ namespace tavik {
 // What the actions report. Values are strings; numbers come already formatted and are written
 // unchanged. Nothing reaches the file before saveFile().
 class MigrationStatus {
-public:
-    enum agentOperation { opDeploy = 0, opWait = 1 };  // every value but opDeploy means wait
+  public:
+    enum agentOperation { opDeploy = 0, opWait = 1 };   // every value but opDeploy means wait
     enum objectType { objAccount = 0, objDomain = 1 };  // every value but objAccount: domain
 
     // Implementations may save a final state here, and a failed save propagates.
@@ -40,7 +40,7 @@ public:
 // Sole owner of a status document. std::unique_ptr cannot be used: its destructor is noexcept,
 // so a failure of the final save would end the process instead of reaching the owner.
 class MigrationStatusPtr {
-public:
+  public:
     MigrationStatusPtr() : status_(nullptr) {}
     explicit MigrationStatusPtr(MigrationStatus* owned) : status_(owned) {}
     MigrationStatusPtr(MigrationStatusPtr&& other) noexcept : status_(other.release()) {}
@@ -59,7 +59,7 @@ public:
     MigrationStatus& operator*() const { return *status_; }
     explicit operator bool() const { return status_ != nullptr; }
 
-private:
+  private:
     MigrationStatus* status_;
 };
 
@@ -67,7 +67,7 @@ private:
 // failure propagates, unless another exception is already on its way, which wins (the lost one
 // is logged).
 class XmlMigrationStatus : public tXmlRkuDocument, public MigrationStatus {
-public:
+  public:
     // State idle, every field empty; writes nothing.
     XmlMigrationStatus();
     ~XmlMigrationStatus() noexcept(false) override;
@@ -91,7 +91,7 @@ public:
     // their last values, in every later save.
     void saveFile() override;
 
-private:
+  private:
     enum State { idle = 0, agent = 1, dump = 2, transfer = 3, translate = 4, deploy = 5 };
 
     void build();

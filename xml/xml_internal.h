@@ -4,8 +4,8 @@
 
 #include <libxml/parser.h>
 #include <libxml/xmlstring.h>
-#include <log4cpp/Category.hh>
 
+#include <log4cpp/Category.hh>
 #include <memory>
 #include <string>
 
@@ -38,7 +38,7 @@ inline const xmlChar* toXml(const std::string& s) {
 // Installs libxml2's loader for external resources with the network forbidden, for the lifetime
 // of this object. Used where a named DTD or schema has to be read from the file system.
 class NoNetworkLoads {
-public:
+  public:
     NoNetworkLoads() : previous_(xmlGetExternalEntityLoader()) {
         xmlSetExternalEntityLoader(xmlNoNetExternalEntityLoader);
     }
@@ -46,7 +46,7 @@ public:
     NoNetworkLoads(const NoNetworkLoads&) = delete;
     NoNetworkLoads& operator=(const NoNetworkLoads&) = delete;
 
-private:
+  private:
     xmlExternalEntityLoader previous_;
 };
 

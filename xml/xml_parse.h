@@ -19,7 +19,7 @@ namespace tavik {
 // break, but also the trailing blank of a "parser " fragment). The reports that the controlling
 // process shows have always looked so; keep it.
 class tXmlErrorCollector {
-public:
+  public:
     // Installs the collector as libxml2's generic error handler.
     tXmlErrorCollector();
     // Reinstalls the handler found at construction: outside a nested collection, the library's
@@ -34,7 +34,7 @@ public:
     // Usable as any libxml2 or libxslt error callback.
     static void collect(void* context, const char* format, ...);
 
-private:
+  private:
     std::string text_;
     void* previousContext_;
     void (*previousHandler_)(void*, const char*, ...);

@@ -31,11 +31,10 @@ struct SchemaValidCtxtFree {
 
 // A validation context whose errors and warnings go into `errors`.
 std::unique_ptr<xmlValidCtxt, ValidCtxtFree> newValidCtxt(log4cpp::Category& logger,
-                                                         tXmlErrorCollector& errors) {
+                                                          tXmlErrorCollector& errors) {
     std::unique_ptr<xmlValidCtxt, ValidCtxtFree> ctxt(xmlNewValidCtxt());
     if (!ctxt)
-        TAVIK_XML_RAISE(logger, tError_XmlInternal,
-                        "Can not allocate memory for xmlValidCtxtPtr");
+        TAVIK_XML_RAISE(logger, tError_XmlInternal, "Can not allocate memory for xmlValidCtxtPtr");
     ctxt->userData = &errors;
     ctxt->error = &tXmlErrorCollector::collect;
     ctxt->warning = &tXmlErrorCollector::collect;

@@ -15,7 +15,7 @@ namespace tavik {
 
 // A DTD read from a file; copies share the parsed DTD.
 class tExternalDtdDoc {
-public:
+  public:
     tExternalDtdDoc();
     // readFromFile(fileName).
     explicit tExternalDtdDoc(const std::string& fileName);
@@ -27,13 +27,13 @@ public:
     // Null until a DTD was read.
     xmlDtd* getDtd() const { return dtd_.get(); }
 
-private:
+  private:
     std::string fileName_;
     std::shared_ptr<xmlDtd> dtd_;
 };
 
 class tDtdValidator {
-public:
+  public:
     // Validates against the document's internal subset only: an external subset that the
     // document names is never fetched. InternalDtdValidationFailed when the document is invalid
     // or has no internal subset.
@@ -42,7 +42,7 @@ public:
     // ExternalDtdValidationFailed when the document is invalid.
     void validateXml(const tXmlDocument& doc, const std::string& dtdFileName) const;
 
-private:
+  private:
     static log4cpp::Category& logger;
 };
 

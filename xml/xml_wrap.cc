@@ -1,11 +1,14 @@
 #include "xml/xml_wrap.h"
 
+#include <fcntl.h>
 #include <libxml/tree.h>
 #include <libxml/xmlIO.h>
 #include <libxml/xmlsave.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ostream>
 
@@ -22,6 +25,31 @@ using xml_detail::toXml;
 using xml_detail::XmlCharPtr;
 
 namespace {
+
+// Closed by its owner, or at the end of the scope when an error came first.
+struct FileDescriptor {
+    int fd;
+    ~FileDescriptor() {
+        if (fd >= 0) ::close(fd);
+    }
+    int close() {
+        const int result = ::close(fd);
+        fd = -1;
+        return result;
+    }
+};
+
+struct FileOwner {
+    uid_t uid;
+    gid_t gid;
+};
+
+// The account does not change during a run, and looking it up costs as much as all the rest of
+// a status save; a missing account (0, 0) is reported once instead of at every save.
+const FileOwner& hmxadm() {
+    static const FileOwner owner{tavik_ugid("hmxadm", 0), tavik_ugid("hmxadm", 1)};
+    return owner;
+}
 
 struct OutputBufferClose {
     void operator()(xmlOutputBuffer* buffer) const { xmlOutputBufferClose(buffer); }
@@ -80,7 +108,31 @@ void tXmlDocument::readFromFile(const char* filename) {
 void tXmlDocument::saveToFile(const char* filename) {
     if (filename == nullptr) TAVIK_XML_RAISE(logger, AssertionFailed, "filename != NULL");
     if (*filename == '\0') TAVIK_XML_RAISE(logger, AssertionFailed, "*filename != 0");
-    if (xmlSaveFile(filename, getDoc()) < 0) TAVIK_XML_RAISE(logger, tError_SaveFile, filename);
+    tXmlErrorCollector errors;
+    const bool saved = std::strcmp(filename, "-") == 0 ? xmlSaveFile(filename, getDoc()) >= 0
+                                                       : writeFile(filename);
+    if (!saved) {
+        logger.error(errors.text());
+        TAVIK_XML_RAISE(logger, tError_SaveFile, filename);
+    }
+}
+
+// Truncating a file to zero on ext4 makes its close write the data out (auto_da_alloc), as a
+// rename over another file does: costly at thousands of saves a second. So the file is opened
+// without O_TRUNC and cut to the new length after writing, which is the same in the end.
+bool tXmlDocument::writeFile(const char* filename) const {
+    FileDescriptor file{open(filename, O_WRONLY | O_CREAT | O_CLOEXEC, 0666)};
+    if (file.fd < 0) return false;
+    const xmlChar* encoding = getDoc()->encoding;
+    xmlCharEncodingHandler* encoder = nullptr;
+    if (encoding != nullptr) {
+        encoder = xmlFindCharEncodingHandler(reinterpret_cast<const char*>(encoding));
+        if (encoder == nullptr) return false;
+    }
+    // The buffer leaves the descriptor open; xmlSaveFormatFileTo releases the buffer.
+    const int written = xmlSaveFormatFileTo(xmlOutputBufferCreateFd(file.fd, encoder), getDoc(),
+                                            reinterpret_cast<const char*>(encoding), 0);
+    return written >= 0 && ftruncate(file.fd, written) == 0 && file.close() == 0;
 }
 
 void tXmlDocument::saveToFile(const std::string& filename) { saveToFile(filename.c_str()); }
@@ -100,10 +152,13 @@ int tXmlDocument::saveToStream(std::ostream& out) {
 
 int tXmlDocument::saveToBuffer(xmlOutputBuffer* buffer) {
     if (buffer == nullptr) TAVIK_XML_RAISE(logger, AssertionFailed, "buffer != 0");
+    tXmlErrorCollector errors;
     xmlNodeDumpOutput(buffer, getDoc(), reinterpret_cast<xmlNode*>(getDoc()), 0, 0, "UTF-8");
     // A write that failed on the way marks the buffer; the flush reports it as well.
-    if (xmlOutputBufferFlush(buffer) < 0 || buffer->error != 0)
+    if (xmlOutputBufferFlush(buffer) < 0 || buffer->error != 0) {
+        logger.error(errors.text());
         TAVIK_XML_RAISE(logger, tError_SaveFile, "in-memory buffer");
+    }
     return 1;
 }
 
@@ -117,18 +172,33 @@ void tXmlDocument::saveToFileAtomically(const std::string& filename) {
 
     saveToFile(temporary);
 
-    const uid_t owner = tavik_ugid("hmxadm", 0);
-    const gid_t group = tavik_ugid("hmxadm", 1);
-    if (chown(temporary.c_str(), owner, group) != 0)
+    const FileOwner& owner = hmxadm();
+    if (chown(temporary.c_str(), owner.uid, owner.gid) != 0)
         TAVIK_XML_RAISE(logger, CantTakeFileOwnership, temporary, std::strerror(errno));
-    if (rename(temporary.c_str(), filename.c_str()) != 0)
-        TAVIK_XML_RAISE(logger, CantRenameFile, temporary, filename, std::strerror(errno));
+    replaceFile(temporary, filename);
+}
+
+void tXmlDocument::replaceFile(const std::string& replacement, const std::string& target) {
+    // On ext4, renaming a file over another first writes the new file's data out
+    // (auto_da_alloc): milliseconds for each of the thousands of status saves of a download.
+    // Swapping the two names and then removing the old version skips that, and a reader still
+    // finds one whole version or the other. Directories are never swapped into our name.
+    struct stat existing = {};
+    if (lstat(target.c_str(), &existing) == 0 && S_ISREG(existing.st_mode) &&
+        renameat2(AT_FDCWD, replacement.c_str(), AT_FDCWD, target.c_str(), RENAME_EXCHANGE) == 0) {
+        if (unlink(replacement.c_str()) != 0)
+            logger.error("Cannot remove the previous version " + replacement + ": " +
+                         std::strerror(errno));
+        return;
+    }
+    // No target yet, or a file system that cannot swap names.
+    if (rename(replacement.c_str(), target.c_str()) != 0)
+        TAVIK_XML_RAISE(logger, CantRenameFile, replacement, target, std::strerror(errno));
 }
 
 tXmlRkuDocument::tXmlRkuDocument() : root_(nullptr) {}
 
-tXmlRkuDocument::tXmlRkuDocument(const char* filename)
-    : tXmlDocument(filename), root_(nullptr) {}
+tXmlRkuDocument::tXmlRkuDocument(const char* filename) : tXmlDocument(filename), root_(nullptr) {}
 
 tXmlRkuDocument::tXmlRkuDocument(const boost::filesystem::path& filename)
     : tXmlDocument(filename), root_(nullptr) {}
@@ -162,9 +232,9 @@ xmlNode* tXmlRkuDocument::getRootNodeChild(const std::string& name) const {
     if (root_ == nullptr) TAVIK_XML_RAISE(logger, AssertionFailed, "root != NULL");
     for (xmlNode* child = root_->children; child != nullptr; child = child->next)
         if (child->type == XML_ELEMENT_NODE && stringEq(child->name, name)) return child;
-    TAVIK_XML_RAISE(logger, tError_WrongContent,
-                    "Can not find '" + name + "' element in '" + toString(root_->name) +
-                        "' element.");
+    TAVIK_XML_RAISE(
+        logger, tError_WrongContent,
+        "Can not find '" + name + "' element in '" + toString(root_->name) + "' element.");
 }
 
 std::string tXmlRkuDocument::getAttribute(xmlNode* node, const std::string& name) const {

@@ -37,7 +37,7 @@ struct StreamXmlIoHandler {
 // A libxml2 tree behind a shared handle: copies share one tree, which is freed when the last
 // holder goes. All failures are tagged exceptions (commons/exceptions.h).
 class tXmlDocument {
-public:
+  public:
     // An empty document of version "1.0".
     tXmlDocument();
     // Reads the file (see readFromFile).
@@ -70,20 +70,25 @@ public:
     // The tree, still owned by this document.
     xmlDoc* getDoc() const { return doc_.get(); }
 
-protected:
+  protected:
     struct Adopt {};
     // Takes ownership of `owned`, which must not be null.
     tXmlDocument(Adopt, xmlDoc* owned);
 
     static log4cpp::Category& logger;
 
-private:
+  private:
+    // Writes the tree over the file's previous content; false on any failure.
+    bool writeFile(const char* filename) const;
+    // Puts `replacement` in the place of `target` in one step; CantRenameFile on failure.
+    static void replaceFile(const std::string& replacement, const std::string& target);
+
     std::shared_ptr<xmlDoc> doc_;
 };
 
 // A document with a known root element and the node helpers of the status and data documents.
 class tXmlRkuDocument : public tXmlDocument {
-public:
+  public:
     // Empty; initNewDoc gives it a root.
     tXmlRkuDocument();
     // Read; initFileDoc checks the root.
@@ -119,7 +124,7 @@ public:
 
     static bool stringEq(const xmlChar* xmlString, const std::string& s);
 
-protected:
+  protected:
     xmlNode* root_;
 };
 

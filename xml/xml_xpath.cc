@@ -2,6 +2,7 @@
 
 #include <libxml/tree.h>
 #include <libxml/xpath.h>
+#include <libxml/xpathInternals.h>
 
 #include "xml/xml_internal.h"
 #include "xml/xml_parse.h"
@@ -25,16 +26,14 @@ tXPathExpr::tXPathExpr(xmlDoc* doc, const std::string& expression, xmlNode* cont
     // Without a node of its own the context would select nothing by a relative expression.
     context_->node = contextNode != nullptr ? contextNode : reinterpret_cast<xmlNode*>(doc);
     tXmlErrorCollector errors;
-    result_.reset(xmlXPathEvalExpression(expression_.get(), context_.get()),
-                  xmlXPathFreeObject);
+    result_.reset(xmlXPathEvalExpression(expression_.get(), context_.get()), xmlXPathFreeObject);
     if (!result_) {
         logger.error(errors.text());
         TAVIK_XML_RAISE(logger, tError_XPath_CantEvaluate, expression);
     }
 }
 
-tXPathExpr::tXPathExpr(const tXmlDocument& doc, const std::string& expression,
-                       xmlNode* contextNode)
+tXPathExpr::tXPathExpr(const tXmlDocument& doc, const std::string& expression, xmlNode* contextNode)
     : tXPathExpr(doc.getDoc(), expression, contextNode) {}
 
 std::string tXPathExpr::expression() const { return toString(expression_.get()); }
@@ -70,8 +69,7 @@ bool testXPathExpr(xmlDoc* doc, const std::string& expression, xmlNode* contextN
     return tXPathExpr(doc, expression, contextNode).boolean();
 }
 
-bool testXPathExpr(const tXmlDocument& doc, const std::string& expression,
-                   xmlNode* contextNode) {
+bool testXPathExpr(const tXmlDocument& doc, const std::string& expression, xmlNode* contextNode) {
     return testXPathExpr(doc.getDoc(), expression, contextNode);
 }
 

@@ -23,7 +23,7 @@ class ExTraceable;
 // One expression, evaluated on construction. Copies share the expression text, the evaluation
 // context and the result. The tree is borrowed and must outlive every copy.
 class tXPathExpr {
-public:
+  public:
     // Relative to `contextNode`, or to the document when it is null. tError_XPath_CantEvaluate
     // when the expression yields no result (a syntax error, say).
     tXPathExpr(xmlDoc* doc, const std::string& expression, xmlNode* contextNode = nullptr);
@@ -44,7 +44,7 @@ public:
     // The raw result, owned by this expression.
     xmlXPathObject* getResult() const { return result_.get(); }
 
-private:
+  private:
     std::shared_ptr<xmlChar> expression_;
     std::shared_ptr<xmlXPathContext> context_;
     std::shared_ptr<xmlXPathObject> result_;
@@ -59,7 +59,7 @@ bool testXPathExpr(const tXmlDocument& doc, const std::string& expression,
 
 // One operation on one node, applied by foreach_xmlnode.
 class tXmlOperator {
-public:
+  public:
     virtual ~tXmlOperator();
     virtual void act(xmlNode* node) const = 0;
 };
@@ -81,7 +81,7 @@ bool is_xml_attr_set(const xmlChar* value);
 
 // A borrowed (document, element) pair; cheap to copy.
 class XmlNode {
-public:
+  public:
     XmlNode(xmlDoc* doc, xmlNode* node) : doc_(doc), node_(node) {}
 
     // `expression` evaluated relative to this node.
@@ -95,7 +95,7 @@ public:
     xmlDoc* getDoc() const { return doc_; }
     xmlNode* get() const { return node_; }
 
-private:
+  private:
     xmlDoc* doc_;
     xmlNode* node_;
 };

@@ -30,7 +30,7 @@ struct SecurityPrefsFree {
 // libxslt reports stylesheet errors through a generic handler of its own, apart from
 // libxml2's; this routes it into `errors` for its lifetime.
 class XsltErrorsTo {
-public:
+  public:
     explicit XsltErrorsTo(tXmlErrorCollector& errors)
         : previousContext_(xsltGenericErrorContext), previousHandler_(xsltGenericError) {
         xsltSetGenericErrorFunc(&errors, &tXmlErrorCollector::collect);
@@ -39,7 +39,7 @@ public:
     XsltErrorsTo(const XsltErrorsTo&) = delete;
     XsltErrorsTo& operator=(const XsltErrorsTo&) = delete;
 
-private:
+  private:
     void* previousContext_;
     xmlGenericErrorFunc previousHandler_;
 };
@@ -92,6 +92,8 @@ void tXmlDocFromXslt::saveToFile(const char* filename) {
 }
 
 tXmlDocFromXslt apply_stylesheet(tXsltStylesheet& style, tXmlDocument& doc) {
+    // libxslt does not check for a missing stylesheet itself.
+    if (style.get() == nullptr) TAVIK_XML_RAISE(xmlLogger, AssertionFailed, "style != NULL");
     const auto prefs = noNetworkPrefs();
     const std::unique_ptr<xsltTransformContext, TransformContextFree> ctxt(
         xsltNewTransformContext(style.get(), doc.getDoc()));

@@ -16,7 +16,7 @@ namespace tavik {
 // A parsed stylesheet. Copies share it; it is released when the last holder goes, so results
 // made from it may outlive this object.
 class tXsltStylesheet {
-public:
+  public:
     tXsltStylesheet();
     // readFromFile(filename).
     explicit tXsltStylesheet(const char* filename);
@@ -27,7 +27,7 @@ public:
     // Null until a stylesheet was read.
     xsltStylesheet* get() const { return style_.get(); }
 
-private:
+  private:
     std::shared_ptr<xsltStylesheet> style_;
 
     static log4cpp::Category& logger;
@@ -36,14 +36,14 @@ private:
 // The result of one transformation; saving it honours the stylesheet's output method, encoding
 // and indentation, also through saveToStdout and saveToFileAtomically.
 class tXmlDocFromXslt : public tXmlDocument {
-public:
+  public:
     // Takes ownership of `result`, which must not be null.
     tXmlDocFromXslt(xmlDoc* result, const tXsltStylesheet& style);
 
     using tXmlDocument::saveToFile;
     void saveToFile(const char* filename) override;
 
-private:
+  private:
     tXsltStylesheet style_;
 };
 
