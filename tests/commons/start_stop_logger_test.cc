@@ -4,28 +4,22 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "commons/debug_log.h"
+#include "support/product_root.h"
 #include "support/sandbox_env.h"
 
 namespace tavik {
 namespace {
 
-std::string readFile(const std::string& path) {
-    std::ifstream in(path);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
+using testing::readTextFile;
 // The messages of the log file, without date, priority and category.
 std::vector<std::string> messages(const std::string& path) {
     std::vector<std::string> result;
-    std::istringstream in(readFile(path));
+    std::istringstream in(readTextFile(path));
     const std::string prefix = "[INFO] p.log: ";
     for (std::string line; std::getline(in, line);) {
         const size_t at = line.find(prefix);
