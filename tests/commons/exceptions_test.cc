@@ -10,7 +10,7 @@ namespace {
 
 // Records every visitor call as one text, so the visiting order can be compared whole.
 class RecordingVisitor : public ExInfoVisitor {
-public:
+  public:
     std::vector<std::string> calls;
     void setCode(const std::string& s) override { calls.push_back("code=" + s); }
     void setMessage(const std::string& s) override { calls.push_back("message=" + s); }
@@ -23,7 +23,8 @@ public:
 TEST(ExceptionModel, WhatIsTheFilledMessageAndRuntimeErrorWhatIsTheCode) {
     auto e = TAVIK_EXC(HostNotFound, "x.invalid", "Unknown host");
     EXPECT_STREQ("Unable to resolve hostname x.invalid: Unknown host", e.what());
-    EXPECT_STREQ("HostNotFound", static_cast<const std::runtime_error&>(e).std::runtime_error::what());
+    EXPECT_STREQ("HostNotFound",
+                 static_cast<const std::runtime_error&>(e).std::runtime_error::what());
     EXPECT_EQ(__FILE__, e.file());
     EXPECT_NE(std::string::npos, e.context().find("TestBody"));
 }
@@ -51,14 +52,23 @@ TEST(ExceptionModel, VisitorSeesOuterThenEachCause) {
     auto outer = makeWrappedExc<&CantRetrieveDump>(middle, "ctx-outer", "outer.cc", 3);
     RecordingVisitor v;
     outer.accept(v);
-    const std::vector<std::string> expected = {
-        "context=ctx-outer", "file=outer.cc", "line=3", "code=CantRetrieveDump",
-        "message=Error during dump retrieval", "inner",
-        "context=ctx-middle", "file=middle.cc", "line=7", "code=FileWrite",
-        "message=Error during f write: why", "inner",
-        "context=" + innermost.context(), std::string("file=") + __FILE__,
-        "line=" + std::to_string(innermostLine), "code=StreamRead",
-        "message=Cannot read data from the stream"};
+    const std::vector<std::string> expected = {"context=ctx-outer",
+                                               "file=outer.cc",
+                                               "line=3",
+                                               "code=CantRetrieveDump",
+                                               "message=Error during dump retrieval",
+                                               "inner",
+                                               "context=ctx-middle",
+                                               "file=middle.cc",
+                                               "line=7",
+                                               "code=FileWrite",
+                                               "message=Error during f write: why",
+                                               "inner",
+                                               "context=" + innermost.context(),
+                                               std::string("file=") + __FILE__,
+                                               "line=" + std::to_string(innermostLine),
+                                               "code=StreamRead",
+                                               "message=Cannot read data from the stream"};
     EXPECT_EQ(expected, v.calls);
 }
 

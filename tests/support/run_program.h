@@ -1,0 +1,25 @@
+// Runs a program to completion and keeps what a user would see of it.
+#ifndef FERRYGATE_TESTS_SUPPORT_RUN_PROGRAM_H
+#define FERRYGATE_TESTS_SUPPORT_RUN_PROGRAM_H
+
+#include <string>
+#include <vector>
+
+namespace tavik {
+namespace testing {
+
+struct ProgramResult {
+    int exitCode = -1;  // -1 when the program did not exit normally
+    std::string out;
+    std::string err;
+};
+
+// Runs `program` with `args` (no single quotes in them) in `cwd`, with this process's
+// environment and an empty standard input.
+ProgramResult runProgram(const std::string& program, const std::vector<std::string>& args,
+                         const std::string& cwd);
+
+}  // namespace testing
+}  // namespace tavik
+
+#endif  // FERRYGATE_TESTS_SUPPORT_RUN_PROGRAM_H

@@ -1,0 +1,44 @@
+#include "support/sandbox_env.h"
+
+#include <boost/filesystem.hpp>
+#include <cstdlib>
+#include <fstream>
+#include <stdexcept>
+#include <vector>
+
+namespace tavik {
+namespace testing {
+
+bool inSandbox() {
+    const char* flag = getenv("FERRYGATE_SANDBOXED");
+    return flag != nullptr && std::string(flag) == "1";
+}
+
+void writeTextFile(const std::string& path, const std::string& text) {
+    boost::filesystem::create_directories(boost::filesystem::path(path).parent_path());
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+    if (!out.flush()) throw std::runtime_error("cannot write " + path);
+}
+
+bool addSystemAccount(const std::string& name) {
+    if (!inSandbox()) return false;
+    const std::string command = "useradd -M -r " + name + " >/dev/null 2>&1";
+    return system(command.c_str()) == 0;
+}
+
+ScratchDir::ScratchDir() {
+    const std::string pattern = "/tmp/ferrygate-test.XXXXXX";
+    std::vector<char> name(pattern.begin(), pattern.end());
+    name.push_back('\0');
+    if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    path_ = name.data();
+}
+
+ScratchDir::~ScratchDir() {
+    boost::system::error_code ignored;
+    boost::filesystem::remove_all(path_, ignored);
+}
+
+}  // namespace testing
+}  // namespace tavik

@@ -1,0 +1,123 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/sandbox_env.h"
+#include "utils/files.h"
+#include "utils/liblog.h"
+#include "utils/read_configuration.h"
+
+namespace {
+
+using tavik::testing::inSandbox;
+using tavik::testing::writeTextFile;
+
+// A heap store, freed with everything it owns.
+struct Store {
+    conf_data* conf = static_cast<conf_data*>(calloc(1, sizeof(conf_data)));
+    ~Store() { conf_free_r(conf); }
+    std::string operator[](const std::string& name) const {
+        const char* value = conf_get_r(name.c_str(), conf);
+        return value != nullptr ? value : "<null>";
+    }
+    int read(const std::string& text) {
+        tavik::testing::ScratchDir dir;
+        writeTextFile(dir.path() + "/conf", text);
+        return conf_read_file_r((dir.path() + "/conf").c_str(), conf);
+    }
+};
+
+TEST(ConfigurationReader, TrailingWhiteSpaceFollowsTheTogglingRule) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"A value\n", "value"},              // the line break alone: odd, cut
+        {"A value \n", "value \n"},          // a blank and the line break: even, kept
+        {"A value  \n", "value  "},          // three: only the last goes
+        {"A value\t \t\n", "value\t \t\n"},  // four: kept
+        {"A value # note\n", "value"},       // one blank before a comment is cut
+        {"A value  # note\n", "value  "},    // two are kept
+        {"A value", "value"},                // a last line without a line break
+        {"A  two words\n", "two words"},
+        {"A x\n", "x"},
+    };
+    for (const auto& c : cases) {
+        Store store;
+        ASSERT_EQ(0, store.read(c.first));
+        EXPECT_EQ(c.second, store["A"]) << c.first;
+    }
+}
+
+TEST(ConfigurationReader, RejectedLinesAreLoggedAndLaterDefinitionsWin) {
+    tavik_log_init("console", 12, 0, 0, nullptr);
+    ::testing::internal::CaptureStderr();
+    Store store;
+    EXPECT_EQ(0, store.read("# comment\n   \nEQ=1\nNOVALUE  \nHASH #x\n  _U_9 ok\nK 1\nK 2\n"));
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(
+        "Invalid variable definition EQ=1\n\nExpected a space after variable name\n\n"
+        "Invalid variable definition NOVALUE  \n\nExpected a value\n"
+        "Invalid variable definition HASH #x\n\nExpected a value\n",
+        err);
+    EXPECT_EQ(2u, store.conf->nmemb);
+    EXPECT_EQ("ok", store["_U_9"]);
+    EXPECT_EQ("2", store["K"]);
+    EXPECT_EQ(-1, conf_read_file_r("/nonexistent/hmx.conf", store.conf));
+}
+
+TEST(ConfigurationStore, GrowsAndFindsEveryKeySortedOrNot) {
+    Store store;
+    for (int i = 99; i >= 0; --i) {
+        ASSERT_EQ(0, conf_set_r(("K" + std::to_string(i)).c_str(), std::to_string(i).c_str(),
+                                store.conf));
+    }
+    ASSERT_EQ(100u, store.conf->nmemb);
+    EXPECT_EQ("42", store["K42"]);
+    conf_finalize_r(store.conf);
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(std::to_string(i), store["K" + std::to_string(i)]);
+    EXPECT_EQ("<null>", store["K100"]);
+    EXPECT_EQ("<null>", store["K"]);
+}
+
+TEST(ProductConfiguration, DefaultsWhileTheFileIsMissing) {
+    ASSERT_TRUE(inSandbox());
+    std::remove(HMX_CONF_FILE);
+    EXPECT_EQ(-1, autoprepend());
+    EXPECT_EQ(nullptr, hmxConfGet("PRODUCT_ROOT_D"));
+    EXPECT_EQ(nullptr, hmxConfGetByIndex(DUMP_TMP_D));
+    EXPECT_STREQ("/tmp", hmxConfGetDefaultByIndex(DUMP_TMP_D));
+    EXPECT_STREQ("httpd", hmxConfGetDefault("HTTPD_SERVICE"));
+    EXPECT_EQ("/usr/local/hmx/RKU/scout.pl", tavik::files::getScoutFileName());
+    EXPECT_EQ("/usr/local/hmx/RKU/agents", tavik::files::agents::getDir());
+    EXPECT_EQ("/var/www/vhosts/a.org", tavik::files::getVhostDir("a.org"));
+    // The load is retried until it succeeds.
+    writeTextFile(HMX_CONF_FILE, "PRODUCT_ROOT_D /opt/hmx\n");
+    EXPECT_EQ("/opt/hmx/RKU/tmp", tavik::files::getTmpDir());
+}
+
+TEST(ProductConfiguration, FileValuesWinAndStayCached) {
+    ASSERT_TRUE(inSandbox());
+    writeTextFile(HMX_CONF_FILE,
+                  "PRODUCT_ROOT_D /srv/hmx # where the panel lives\n"
+                  "MAILMAN_ROOT_D /opt/mm\nMAILMAN_ROOT_D /opt/mailman\nCUSTOM_VAR custom\n");
+    EXPECT_EQ(0, autoprepend());
+    EXPECT_EQ("/srv/hmx/RKU/log4cpp.properties", tavik::files::getRkuLogConfigFileName());
+    EXPECT_EQ("/opt/mailman/bin/arch", tavik::files::getMailmanArchFileName());
+    EXPECT_STREQ("custom", hmxConfGet("CUSTOM_VAR"));
+    // Only table variables have defaults, the closing sentinel excluded.
+    ::testing::internal::CaptureStdout();
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(nullptr, hmxConfGetDefault("CUSTOM_VAR"));
+    EXPECT_EQ(nullptr, hmxConfGetDefault("_MAX_POSSIBLE_HMX_CONF_VAR_NAME"));
+    ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ(0u, ::testing::internal::GetCapturedStderr().find(
+                      "variable 'CUSTOM_VAR' isn't found neither in /etc/hmx/hmx.conf nor in "
+                      "compile-time defaults\n"));
+    writeTextFile(HMX_CONF_FILE, "PRODUCT_ROOT_D /elsewhere\n");
+    EXPECT_EQ(0, autoprepend());
+    EXPECT_STREQ("/srv/hmx", hmxConfGetDefaultByIndex(PRODUCT_ROOT_D));
+}
+
+}  // namespace
