@@ -300,10 +300,7 @@ TEST(Package, InstallsTheProductAndItsAccountAndLeavesTheHostAsItWas) {
     EXPECT_EQ(rootExisted, fs::exists(kPrefix));
 }
 
-bool driverAnswersHelp() { return run(FERRYGATE_BINARY " --help").out.rfind("Usage:", 0) == 0; }
-
 TEST(Package, InstalledProgramFindsItsDataAndRunsAnAction) {
-    if (!driverAnswersHelp()) GTEST_SKIP() << "the program does not answer --help yet";
     ScratchDir scratch;
     const fs::path deb = buildPackage(scratch.path());
     PrivateVarAndUsrLocal overlays(scratch.path() / "overlays");
@@ -318,11 +315,14 @@ TEST(Package, InstalledProgramFindsItsDataAndRunsAnAction) {
     const fs::path session = scratch.path() / "session";
     r = run("env -u HMX_PASSWORD " + installed +
             " --remove-dumping-status --session-path=" + quoted(session));
-    EXPECT_EQ(0, r.code) << r.out;
+    // The session is opened before the action is dispatched.
     struct stat st {};
     ASSERT_EQ(0, stat(session.c_str(), &st));
     EXPECT_EQ(0750u, st.st_mode & 07777);
     EXPECT_EQ(getpwnam("hmxadm")->pw_uid, st.st_gid);
+    if (r.out.find("not available in this build") != std::string::npos)
+        GTEST_SKIP() << "the actions have not landed: " << r.out;
+    EXPECT_EQ(0, r.code) << r.out;
     EXPECT_NE(std::string::npos, readFile(session / "migration.result").find("status=\"success\""));
     if (fs::exists(kSource / "data/log4cpp.properties")) {
         EXPECT_NE(std::string::npos, readFile(session / "migration.log").find("started"))
