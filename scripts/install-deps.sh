@@ -10,6 +10,7 @@ packages=(
   libboost-dev libboost-filesystem-dev liblog4cpp5-dev zlib1g-dev libcrypt-dev
   openssh-server openssh-client sudo perl passwd util-linux procps iproute2 psmisc
   libxml2-utils groff-base
+  clang-14 libclang-rt-14-dev valgrind
 )
 
 missing=()
