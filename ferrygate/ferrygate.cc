@@ -18,6 +18,8 @@ namespace {
 const int kActionNotAvailable = 2;
 }  // namespace
 
+void xmlErrorFunc(const ExTraceable& e) { theDebugLog->log(e); }
+
 int real_main(int argc, char** argv) {
     // An unreadable product configuration leaves the compile-time defaults in force.
     autoprepend();

@@ -5,6 +5,8 @@
 #include <string>
 
 #include "commons/exceptions.h"
+#include "support/xml_render.h"
+#include "xml/xml_wrap.h"
 
 namespace tavik {
 namespace {
@@ -12,9 +14,9 @@ namespace {
 // A dump file that could not be written, wrapped by the dump retrieval.
 struct TwoLevelChain {
     const int innerLine = __LINE__ + 1;
-    const Exc<&FileWrite> cause = TAVIK_EXC(FileWrite, "/s/dump.xml", "No space left on device");
+    const Exc<& FileWrite> cause = TAVIK_EXC(FileWrite, "/s/dump.xml", "No space left on device");
     const int outerLine = 4321;
-    const Exc<&CantRetrieveDump> outer =
+    const Exc<& CantRetrieveDump> outer =
         makeWrappedExc<&CantRetrieveDump>(cause, "void retrieve()", __FILE__, outerLine);
 };
 
@@ -46,6 +48,22 @@ TEST(PlainTextMessage, ACauseWithoutAPlaceKeepsThePlaceOfItsWrapper) {
     EXPECT_EQ("CantRetrieveDump: Error during dump retrieval" + place(line) +
                   "\nInner exception:\nBare: lost 7" + place(line),
               formatPlainTextMessage(e));
+}
+
+TEST(XmlMessage, EachCauseIsANestedMessageAfterTheTextOfItsWrapper) {
+    TwoLevelChain chain;
+    tXmlRkuDocument doc;
+    doc.initNewDoc("message");
+    XmlMsgFormatter formatter(doc, doc.getRootNode());
+    chain.outer.accept(formatter);
+    EXPECT_EQ("message[code=CantRetrieveDump,severity=error](context:void retrieve(),file:" +
+                  std::string(__FILE__) +
+                  ",line:4321,text:Error during dump retrieval,"
+                  "message[code=FileWrite,severity=error](context:" +
+                  chain.cause.context() + ",file:" + __FILE__ +
+                  ",line:" + std::to_string(chain.innerLine) +
+                  ",text:Error during /s/dump.xml write: No space left on device))",
+              testing::renderElement(doc.getRootNode()));
 }
 
 }  // namespace
