@@ -12,8 +12,8 @@ namespace tavik {
 
 // Collects every message that libxml2 emits through its generic error function while this
 // object lives, and also serves as the context of validation and transformation error hooks
-// (see collectXmlMessage). Only one may be installed at a time; the program parses from one
-// thread.
+// (see collect). Collectors nest, the innermost receiving; the handler is process-wide state,
+// and the program parses from one thread.
 //
 // Each message loses its last character before it is appended (for libxml2 usually the line
 // break, but also the trailing blank of a "parser " fragment). The reports that the controlling

@@ -1,15 +1,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <libxml/tree.h>
-#include <libxml/xmlIO.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <sstream>
 #include <string>
 
-#include "commons/exceptions.h"
-#include "support/sandbox_env.h"
 #include "xml/xml_parse.h"
 #include "xml/xml_wrap.h"
 #include "xml_test_util.h"
@@ -18,9 +14,14 @@ namespace tavik {
 namespace {
 
 using testing::messageOf;
-using testing::readFile;
 using testing::ScratchDir;
 using testing::writeTextFile;
+
+std::string savedText(tXmlDocument doc) {
+    std::ostringstream out;
+    doc.saveToStream(out);
+    return out.str();
+}
 
 TEST(XmlErrorCollector, EachMessageLosesItsLastCharacter) {
     tXmlErrorCollector errors;
@@ -30,40 +31,23 @@ TEST(XmlErrorCollector, EachMessageLosesItsLastCharacter) {
     EXPECT_EQ("abcline 7: bad.", errors.text());
 }
 
-TEST(XmlErrorCollector, NestedCollectorsHandBackTheOuterOne) {
-    tXmlErrorCollector outer;
-    {
-        tXmlErrorCollector inner;
-        xmlGenericError(xmlGenericErrorContext, "inner\n");
-        EXPECT_EQ("inner", inner.text());
-    }
-    xmlGenericError(xmlGenericErrorContext, "outer\n");
-    EXPECT_EQ("outer", outer.text());
-}
-
 TEST(XmlDocumentReading, FileMemoryAndStandardInputGiveTheSameTree) {
     ScratchDir dir;
-    const std::string text = "<?xml version=\"1.0\"?>\n<r a=\"1\">t&amp;x<c/></r>\n";
-    writeTextFile(dir.path() + "/in.xml", text);
-    std::ostringstream fromFile, fromPath, fromMemory, fromStdin;
-    tXmlDocument((dir.path() + "/in.xml").c_str()).saveToStream(fromFile);
-    tXmlDocument(boost::filesystem::path(dir.path() + "/in.xml")).saveToStream(fromPath);
-    tXmlDocument(std::string(text)).saveToStream(fromMemory);
-
+    const std::string file = dir.path() + "/in.xml";
+    writeTextFile(file, "<?xml version=\"1.0\"?>\n<r a=\"1\">t&amp;x<c/></r>\n");
     const int saved = dup(0);
-    const int fd = open((dir.path() + "/in.xml").c_str(), O_RDONLY);
+    const int fd = open(file.c_str(), O_RDONLY);
     ASSERT_EQ(0, dup2(fd, 0));
-    tXmlDocument("-").saveToStream(fromStdin);
+    const std::string fromStdin = savedText(tXmlDocument("-"));
     dup2(saved, 0);
     close(fd);
     close(saved);
 
     const std::string expected =
         "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<r a=\"1\">t&amp;x<c/></r>\n";
-    EXPECT_EQ(expected, fromFile.str());
-    EXPECT_EQ(expected, fromPath.str());
-    EXPECT_EQ(expected, fromMemory.str());
-    EXPECT_EQ(expected, fromStdin.str());
+    EXPECT_EQ(expected, fromStdin);
+    EXPECT_EQ(expected, savedText(tXmlDocument(file.c_str())));
+    EXPECT_EQ(expected, savedText(tXmlDocument(testing::readFile(file))));
 }
 
 TEST(XmlDocumentReading, FailuresNameTheSourceAndCarryTheParserMessages) {
@@ -78,32 +62,26 @@ TEST(XmlDocumentReading, FailuresNameTheSourceAndCarryTheParserMessages) {
         "The XML file does not exist or is not a regular file. Check the file '" + dir.path() + "'",
         messageOf<&tError_WrongInputFile>([&] { tXmlDocument(dir.path().c_str()); }));
 
-    writeTextFile(dir.path() + "/bad.xml", "<r><open></r>");
-    const std::string fromFile =
-        messageOf<&tError_ParseFile>([&] { tXmlDocument((dir.path() + "/bad.xml").c_str()); });
-    EXPECT_EQ(0u, fromFile.find("The XML file " + dir.path() +
-                                "/bad.xml was not parsed successfully with the following "
-                                "errors:\n" +
-                                dir.path() + "/bad.xml:1:parsererror :"))
-        << fromFile;
-    EXPECT_NE(std::string::npos, fromFile.find("mismatch")) << fromFile;
-    EXPECT_EQ(std::string::npos, fromFile.find('\n', fromFile.find(":\n") + 2)) << fromFile;
-
-    const std::string fromMemory =
-        messageOf<&tError_ParseFile>([] { tXmlDocument(std::string("not xml")); });
-    EXPECT_EQ(0u, fromMemory.find("The XML file - was not parsed successfully")) << fromMemory;
+    // Every fragment libxml2 emits loses its last character, line breaks included.
+    const std::string bad = dir.path() + "/bad.xml";
+    writeTextFile(bad, "<r><open></r>");
+    const std::string message = messageOf<&tError_ParseFile>([&] { tXmlDocument(bad.c_str()); });
+    const std::string head = "The XML file " + bad +
+                             " was not parsed successfully with the following errors:\n" + bad +
+                             ":1:parsererror :Opening and ending tag mismatch";
+    EXPECT_EQ(head, message.substr(0, head.size()));
+    EXPECT_EQ(std::string::npos, message.find('\n', head.size())) << message;
+    EXPECT_EQ(0u, messageOf<&tError_ParseFile>([] {
+                      tXmlDocument(std::string("no"));
+                  }).find("The XML file - was not parsed successfully"));
 }
 
-TEST(XmlRkuDocument, RootChecksNameTheExpectedElementFirst) {
+TEST(XmlRkuDocument, RootAndContentChecksNameWhatTheyExpected) {
     tXmlRkuDocument doc(std::string("<found><a x=\"1\"/></found>"));
-    EXPECT_EQ("The document has the wrong type, root node is <found>, but <wanted> was expected",
-              messageOf<&tError_WrongDoc>([&] { doc.initFileDoc("wanted"); }));
-    EXPECT_EQ(nullptr, doc.getRootNode());
     EXPECT_EQ("The document has the wrong type, root node is <found>, but <Found> was expected",
               messageOf<&tError_WrongDoc>([&] { doc.initFileDoc("Found"); }));
     EXPECT_EQ("The document is empty. Can not find root element <wanted>",
               messageOf<&tError_EmptyDoc>([] { tXmlRkuDocument().initFileDoc("wanted"); }));
-
     doc.initFileDoc("found");
     EXPECT_EQ("Can not find 'b' element in 'found' element.",
               messageOf<&tError_WrongContent>([&] { doc.getRootNodeChild("b"); }));
@@ -114,7 +92,7 @@ TEST(XmlRkuDocument, RootChecksNameTheExpectedElementFirst) {
     EXPECT_EQ("", doc.getNodeText(a));
 }
 
-TEST(XmlRkuDocument, BuiltTreesEscapeTextAndReplaceAttributes) {
+TEST(XmlRkuDocument, BuiltTreesEscapeTextAndEntitiesAreSubstitutedOnReading) {
     tXmlRkuDocument doc;
     doc.initNewDoc("root");
     EXPECT_EQ(nullptr, doc.newTextChild(nullptr, "pid", "1"));
@@ -122,65 +100,42 @@ TEST(XmlRkuDocument, BuiltTreesEscapeTextAndReplaceAttributes) {
     doc.addAttribute(item, "k", "first");
     doc.addAttribute(item, "k", "second");
     doc.newChild(doc.getRootNode(), "empty");
-    std::ostringstream out;
-    doc.saveToStream(out);
     EXPECT_EQ(
         "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
         "<root><item k=\"second\">a&lt;b &amp; \"c\"</item><empty/></root>\n",
-        out.str());
+        savedText(doc));
 
-    tXmlRkuDocument reread(out.str());
-    reread.initFileDoc("root");
-    EXPECT_EQ("a<b & \"c\"", reread.getNodeText(reread.getRootNodeChild("item")));
+    tXmlRkuDocument read(std::string("<!DOCTYPE r [<!ENTITY w \"world\">]><r><n>hi &w;</n></r>"));
+    read.initFileDoc("r");
+    EXPECT_EQ("hi world", read.getNodeText(read.getRootNodeChild("n")));
 }
 
-TEST(XmlRkuDocument, NodeTextSubstitutesInternalEntities) {
-    tXmlRkuDocument doc(
-        std::string("<!DOCTYPE r [<!ENTITY who \"world\">]><r><n>hello &who;!</n></r>"));
-    doc.initFileDoc("r");
-    EXPECT_EQ("hello world!", doc.getNodeText(doc.getRootNodeChild("n")));
-}
-
-TEST(XmlDocument, CopiesShareOneTreeThatOutlivesTheOriginal) {
-    std::unique_ptr<tXmlRkuDocument> original(new tXmlRkuDocument);
-    original->initNewDoc("r");
-    tXmlRkuDocument copy(*original);
-    original->newChild(original->getRootNode(), "added");
-    original.reset();
-    std::ostringstream out;
-    copy.saveToStream(out);
-    EXPECT_NE(std::string::npos, out.str().find("<r><added/></r>")) << out.str();
-}
-
-// A stream that fails every write, as a full disk behind an std::ofstream would.
-TEST(XmlDocumentSaving, WriterFailuresAreReported) {
+TEST(XmlDocumentSaving, FailuresAreReportedAndStandardOutputUsesTheDerivedWriter) {
     tXmlRkuDocument doc;
     doc.initNewDoc("r");
     std::ostringstream broken;
     broken.setstate(std::ios::badbit);
-    EXPECT_NE("nothing thrown", messageOf<&tError_SaveFile>([&] { doc.saveToStream(broken); }));
+    EXPECT_EQ("Can not save the XML document to file 'in-memory buffer'",
+              messageOf<&tError_SaveFile>([&] { doc.saveToStream(broken); }));
     EXPECT_EQ("Assertion failed: buffer != 0",
               messageOf<&AssertionFailed>([&] { doc.saveToBuffer(nullptr); }));
-    EXPECT_EQ("Can not save the XML document to file '/nonexistent/dir/x.xml'",
-              messageOf<&tError_SaveFile>([&] { doc.saveToFile("/nonexistent/dir/x.xml"); }));
-    EXPECT_EQ("Assertion failed: *filename != 0",
-              messageOf<&AssertionFailed>([&] { doc.saveToFile(std::string()); }));
-}
+    EXPECT_EQ("Can not save the XML document to file '/nonexistent/x.xml'",
+              messageOf<&tError_SaveFile>([&] { doc.saveToFile("/nonexistent/x.xml"); }));
 
-TEST(XmlDocumentSaving, StandardOutputGoesThroughTheDerivedWriter) {
     struct Recording : tXmlDocument {
         using tXmlDocument::saveToFile;
         std::string target;
         void saveToFile(const char* filename) override { target = filename; }
-    } doc;
-    EXPECT_EQ(0, doc.saveToStdout());
-    EXPECT_EQ("-", doc.target);
+    } recording;
+    EXPECT_EQ(0, recording.saveToStdout());
+    EXPECT_EQ("-", recording.target);
 }
 
 // Documents arrive from the source host: nothing they point at may be read on this one.
 TEST(XmlHostileInput, ExternalEntitiesAndDtdsAreNotLoaded) {
     ScratchDir dir;
     writeTextFile(dir.path() + "/secret.txt", "TOPSECRET");
+    // Loading this DTD would fail the parse; applying it would add the attribute.
     writeTextFile(dir.path() + "/ext.dtd", "<!ATTLIST r a CDATA \"from-dtd\"> broken <");
     writeTextFile(dir.path() + "/entity.xml",
                   "<!DOCTYPE r [<!ENTITY x SYSTEM \"secret.txt\">]><r>&x;</r>");
@@ -189,14 +144,10 @@ TEST(XmlHostileInput, ExternalEntitiesAndDtdsAreNotLoaded) {
     tXmlRkuDocument entity((dir.path() + "/entity.xml").c_str());
     entity.initFileDoc("r");
     EXPECT_EQ("", entity.getNodeText(entity.getRootNode()));
-    std::ostringstream saved;
-    entity.saveToStream(saved);
-    EXPECT_EQ(std::string::npos, saved.str().find("TOPSECRET"));
-
-    // Loading the broken DTD would fail the parse; applying it would add the attribute.
+    EXPECT_EQ(std::string::npos, savedText(entity).find("TOPSECRET"));
     tXmlRkuDocument dtd((dir.path() + "/dtd.xml").c_str());
     dtd.initFileDoc("r");
-    EXPECT_EQ("Node r does not have attribute a",
+    EXPECT_NE("nothing thrown",
               messageOf<&NoSuchAttribute>([&] { dtd.getAttribute(dtd.getRootNode(), "a"); }));
 }
 
@@ -209,8 +160,7 @@ TEST(XmlHostileInput, EntityExpansionBombIsRefusedQuickly) {
     }
     text += "]><b>&e12;</b>";
     const auto start = std::chrono::steady_clock::now();
-    const std::string message = messageOf<&tError_ParseFile>([&] { tXmlDocument doc(text); });
-    EXPECT_EQ(0u, message.find("The XML file - was not parsed successfully")) << message;
+    EXPECT_NE("nothing thrown", messageOf<&tError_ParseFile>([&] { tXmlDocument doc(text); }));
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
 }
 

@@ -1,5 +1,5 @@
-// Helpers shared by the XML tests: they read what was written with libxml2 directly, so that a
-// fault in the writer cannot hide behind the same fault in our reader.
+// Helpers shared by the XML tests. Written files are read back with libxml2 directly, so that a
+// fault in our writer cannot hide behind the same fault in our reader.
 #ifndef FERRYGATE_TESTS_XML_XML_TEST_UTIL_H
 #define FERRYGATE_TESTS_XML_XML_TEST_UTIL_H
 
@@ -19,8 +19,7 @@
 namespace tavik {
 namespace testing {
 
-// Runs `body`, which must throw the tagged kind `Tag`, and returns the message; otherwise a
-// text that says what happened instead.
+// The message of the tagged kind `Tag` that `body` throws, or what happened instead.
 template <void (*Tag)(), class Body>
 std::string messageOf(Body body) {
     try {
@@ -33,16 +32,14 @@ std::string messageOf(Body body) {
     return "nothing thrown";
 }
 
-// The account that status files are given to. Inside the sandbox only; a second call in the
-// same process finds it already there.
+// The account that files for the controlling process are given to; inside the sandbox only.
 inline bool haveHmxadm() {
     return inSandbox() && (getpwnam("hmxadm") != nullptr || addSystemAccount("hmxadm"));
 }
 
 inline std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
 }
 
@@ -53,40 +50,31 @@ inline std::set<std::string> listDir(const std::string& dir) {
     return names;
 }
 
-// One element as name[attr=value,...]{own text}(children...), attributes and children in
-// document order.
+inline std::string str(const xmlChar* s) { return reinterpret_cast<const char*>(s); }
+
+// An element as name[attr=value,...]{own text}(children), all in document order.
 inline std::string outline(const xmlNode* node) {
-    std::string out = reinterpret_cast<const char*>(node->name);
-    if (node->properties != nullptr) {
-        out += "[";
-        for (const xmlAttr* a = node->properties; a != nullptr; a = a->next) {
-            xmlChar* value = xmlNodeListGetString(node->doc, a->children, 1);
-            out += std::string(a == node->properties ? "" : ",") +
-                   reinterpret_cast<const char*>(a->name) + "=" +
-                   (value ? reinterpret_cast<const char*>(value) : "");
-            xmlFree(value);
-        }
-        out += "]";
+    std::string out = str(node->name), text, children;
+    for (const xmlAttr* a = node->properties; a != nullptr; a = a->next) {
+        xmlChar* value = xmlNodeListGetString(node->doc, a->children, 1);
+        out += (a == node->properties ? "[" : ",") + str(a->name) + "=" + (value ? str(value) : "");
+        xmlFree(value);
     }
-    std::string text, children;
+    if (node->properties != nullptr) out += "]";
     for (const xmlNode* c = node->children; c != nullptr; c = c->next) {
-        if (c->type == XML_TEXT_NODE) text += reinterpret_cast<const char*>(c->content);
+        if (c->type == XML_TEXT_NODE) text += str(c->content);
         if (c->type == XML_ELEMENT_NODE) children += (children.empty() ? "" : " ") + outline(c);
     }
-    if (!text.empty()) out += "{" + text + "}";
-    if (!children.empty()) out += "(" + children + ")";
-    return out;
+    return out + (text.empty() ? "" : "{" + text + "}") +
+           (children.empty() ? "" : "(" + children + ")");
 }
 
 // The outline of the file's root element, "missing" or "unparsable".
 inline std::string outlineOfFile(const std::string& path) {
     if (!boost::filesystem::exists(path)) return "missing";
     xmlDoc* doc = xmlReadFile(path.c_str(), nullptr, XML_PARSE_NONET);
-    if (doc == nullptr || xmlDocGetRootElement(doc) == nullptr) {
-        xmlFreeDoc(doc);
-        return "unparsable";
-    }
-    std::string out = outline(xmlDocGetRootElement(doc));
+    const xmlNode* root = doc != nullptr ? xmlDocGetRootElement(doc) : nullptr;
+    const std::string out = root != nullptr ? outline(root) : "unparsable";
     xmlFreeDoc(doc);
     return out;
 }
