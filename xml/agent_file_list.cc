@@ -39,7 +39,7 @@ uint64_t XmlAgentFileList::getUnpackedSize() const {
 }
 
 std::unique_ptr<AgentFileList> getFileList(const std::string& content) {
-    return std::unique_ptr<AgentFileList>(new XmlAgentFileList(content));
+    return std::make_unique<XmlAgentFileList>(content);
 }
 
 }  // namespace tavik

@@ -16,8 +16,6 @@ void XmlAgentsList::addAgent(const std::string& name, const std::string& descrip
 
 void XmlAgentsList::saveDocToStdout() { saveToStdout(); }
 
-std::unique_ptr<AgentsList> createAgentsListFile() {
-    return std::unique_ptr<AgentsList>(new XmlAgentsList());
-}
+std::unique_ptr<AgentsList> createAgentsListFile() { return std::make_unique<XmlAgentsList>(); }
 
 }  // namespace tavik

@@ -42,7 +42,7 @@ std::string XmlCliGateResponse::getStderr() const { return valueOf(*this, "stder
 std::string XmlCliGateResponse::getError() const { return valueOf(*this, "failure"); }
 
 std::unique_ptr<CliGateResponse> getCliGateResponse(const std::string& content) {
-    return std::unique_ptr<CliGateResponse>(new XmlCliGateResponse(content));
+    return std::make_unique<XmlCliGateResponse>(content);
 }
 
 DatabaseCredentials::~DatabaseCredentials() = default;
@@ -61,7 +61,7 @@ std::string XmlDatabaseCredentials::getPassword() const { return valueOf(*this, 
 bool XmlDatabaseCredentials::notConfigured() const { return isPresent(*this, "not-configured"); }
 
 std::unique_ptr<DatabaseCredentials> getDatabaseCredentials(const std::string& content) {
-    return std::unique_ptr<DatabaseCredentials>(new XmlDatabaseCredentials(content));
+    return std::make_unique<XmlDatabaseCredentials>(content);
 }
 
 AdminLocation::~AdminLocation() = default;
@@ -79,7 +79,7 @@ std::string XmlAdminLocation::getState() const { return valueOf(*this, "state");
 std::string XmlAdminLocation::getZip() const { return valueOf(*this, "zip"); }
 
 std::unique_ptr<AdminLocation> getAdminLocation(const std::string& content) {
-    return std::unique_ptr<AdminLocation>(new XmlAdminLocation(content));
+    return std::make_unique<XmlAdminLocation>(content);
 }
 
 XmlAgentDeploymentStatusDocument::XmlAgentDeploymentStatusDocument(const std::string& fileName)

@@ -71,6 +71,9 @@ class XmlMigrationStatus : public tXmlRkuDocument, public MigrationStatus {
     // State idle, every field empty; writes nothing.
     XmlMigrationStatus();
     ~XmlMigrationStatus() noexcept(false) override;
+    // A copy would share the tree and save a second time when destroyed.
+    XmlMigrationStatus(const XmlMigrationStatus&) = delete;
+    XmlMigrationStatus& operator=(const XmlMigrationStatus&) = delete;
 
     void setIdle() override;
     void setAgentParams(const std::string& host) override;

@@ -132,7 +132,9 @@ bool tXmlDocument::writeFile(const char* filename) const {
     // The buffer leaves the descriptor open; xmlSaveFormatFileTo releases the buffer.
     const int written = xmlSaveFormatFileTo(xmlOutputBufferCreateFd(file.fd, encoder), getDoc(),
                                             reinterpret_cast<const char*>(encoding), 0);
-    return written >= 0 && ftruncate(file.fd, written) == 0 && file.close() == 0;
+    // A pipe or terminal cannot be cut (EINVAL), and needs not be.
+    return written >= 0 && (ftruncate(file.fd, written) == 0 || errno == EINVAL) &&
+           file.close() == 0;
 }
 
 void tXmlDocument::saveToFile(const std::string& filename) { saveToFile(filename.c_str()); }

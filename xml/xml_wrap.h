@@ -53,7 +53,7 @@ class tXmlDocument {
     // entities and DTDs are never loaded.
     void readFromFile(const char* filename);
 
-    // The library's file writer; "-" is standard output.
+    // Writes the document over the file's content; "-" is standard output.
     virtual void saveToFile(const char* filename);
     virtual void saveToFile(const std::string& filename);
     // saveToFile("-") through the virtual call, so that a derived writer is used; returns 0.
@@ -63,8 +63,10 @@ class tXmlDocument {
     // Writes the document into `buffer`, which stays open and the caller's; returns 1.
     int saveToBuffer(xmlOutputBuffer* buffer);
     // Replaces `filename` at once for any reader: writes a new file beside it through the
-    // virtual saveToFile, gives it to the account hmxadm and renames it over the target. On a
-    // failed owner change or rename the new file is left beside the untouched target.
+    // virtual saveToFile, gives it to the account hmxadm and puts it in the target's place in
+    // one step. On a failed owner change or rename the new file is left beside the untouched
+    // target. Nothing is synced to disk: readers and a crash of the process see a whole file,
+    // a power failure may not.
     void saveToFileAtomically(const std::string& filename);
 
     // The tree, still owned by this document.

@@ -14,6 +14,7 @@
 
 namespace tavik {
 
+using xml_detail::NoNetworkLoads;
 using xml_detail::toXml;
 
 namespace {
@@ -65,6 +66,7 @@ tXsltStylesheet::tXsltStylesheet(const char* filename) { readFromFile(filename);
 
 int tXsltStylesheet::readFromFile(const char* filename) {
     if (filename == nullptr) TAVIK_XML_RAISE(logger, AssertionFailed, "filename != NULL");
+    NoNetworkLoads noNetwork;
     tXmlErrorCollector errors;
     XsltErrorsTo xsltErrors(errors);
     std::shared_ptr<xsltStylesheet> style(xsltParseStylesheetFile(toXml(filename)),

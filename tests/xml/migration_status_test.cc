@@ -181,7 +181,11 @@ TEST_F(MigrationStatusTest, ReaderNeverSeesAMissingOrPartialFile) {
 
     const int saves = 20000;
     const auto start = std::chrono::steady_clock::now();
+    // Documents of very different lengths, so that a file rewritten in place would be caught
+    // half long, half short.
+    const std::string longName(1500, 'n');
     for (int i = 0; i < saves; ++i) {
+        status->setCurrentFile(i % 2 ? "short" : longName, "65536000");
         status->setTransferSizeLeft(std::to_string(65536000 - 65536 * i));
         status->saveFile();
     }
