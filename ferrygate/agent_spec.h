@@ -37,7 +37,7 @@ class Agent {
     const std::string& getEntryPoint() const { return entryPoint_; }
     const std::string& getDocumentType() const { return documentType_; }
     const std::string& getStylesheet() const { return stylesheet_; }
-    // As written in the spec, possibly empty.
+    // As control/spec gives it, possibly empty.
     const std::string& getInterpreter() const { return interpreter_; }
     // The command that runs the entry point: the interpreter, or "perl" when none is given.
     std::string getEffectiveInterpreter() const;

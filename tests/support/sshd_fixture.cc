@@ -1,0 +1,138 @@
+#include "support/sshd_fixture.h"
+
+#include <signal.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <random>
+#include <sstream>
+#include <stdexcept>
+
+namespace tavik {
+namespace test {
+
+std::string scriptsDir() {
+    // The build passes absolute source paths, so this file knows where the checkout is.
+    std::string here = __FILE__;
+    const std::string suffix = "tests/support/sshd_fixture.cc";
+    if (here.size() < suffix.size() ||
+        here.compare(here.size() - suffix.size(), suffix.size(), suffix) != 0) {
+        throw std::runtime_error("cannot find the checkout from " + here);
+    }
+    return here.substr(0, here.size() - suffix.size()) + "scripts";
+}
+
+std::string randomPassword() {
+    static const std::string alphabet =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789 "
+        "!\"#$%&'()*+,-./;<=>?@[\\]^_`{|}~";
+    std::random_device seed;
+    std::mt19937 random(seed());
+    std::uniform_int_distribution<size_t> pick(0, alphabet.size() - 1);
+    std::string password;
+    for (int i = 0; i < 20; ++i) password += alphabet[pick(random)];
+    return password;
+}
+
+SshdServer::SshdServer(const SshdOptions& options)
+    : user_(options.user), password_(randomPassword()) {
+    const char* sandboxed = std::getenv("FERRYGATE_SANDBOXED");
+    if (!sandboxed || std::string(sandboxed) != "1") {
+        throw std::runtime_error(
+            "the sshd fixture needs scripts/sandbox.sh (run the tests with ctest)");
+    }
+    std::vector<std::string> argv = {"/bin/bash",  scriptsDir() + "/sshd-host.sh",
+                                     "start",      "--user",
+                                     options.user, "--auth",
+                                     options.auth, "--ports",
+                                     options.ports};
+    if (options.compat) argv.push_back("--compat");
+    if (!options.shell.empty()) {
+        argv.push_back("--shell");
+        argv.push_back(options.shell);
+    }
+    if (!options.authorizedKey.empty()) {
+        argv.push_back("--authorized-key");
+        argv.push_back(options.authorizedKey);
+    }
+    for (const auto& line : options.extraConfig) {
+        argv.push_back("--option");
+        argv.push_back(line);
+    }
+    const ProcessResult started = runProcess(argv, "", {"FERRYGATE_SSHD_PASSWORD=" + password_});
+    if (started.status != 0) {
+        throw std::runtime_error("sshd-host.sh start failed: " + started.err);
+    }
+    std::istringstream lines(started.out);
+    std::string line;
+    while (std::getline(lines, line)) {
+        const auto eq = line.find('=');
+        if (eq == std::string::npos) continue;
+        const std::string key = line.substr(0, eq), value = line.substr(eq + 1);
+        if (key == "port") port_ = static_cast<unsigned short>(std::stoul(value));
+        if (key == "pid") pid_ = static_cast<pid_t>(std::stol(value));
+        if (key == "home") home_ = value;
+        if (key == "dir") dir_ = value;
+    }
+    if (port_ == 0 || pid_ <= 0) {
+        throw std::runtime_error("sshd-host.sh start printed no port or pid: " + started.out);
+    }
+}
+
+SshdServer::~SshdServer() { stop(); }
+
+void SshdServer::stop() {
+    if (pid_ <= 0) return;
+    runProcess({"/bin/bash", scriptsDir() + "/sshd-host.sh", "stop", std::to_string(pid_)});
+    pid_ = -1;
+}
+
+ProcessResult SshdServer::runAsUser(const std::string& command, const std::string& input) const {
+    return runProcess(
+        {"/usr/sbin/runuser", "-u", user_, "--", "/bin/sh", "-c", "cd \"$HOME\" && " + command},
+        input, {"HOME=" + home_});
+}
+
+namespace {
+
+std::vector<pid_t> childrenOf(pid_t parent) {
+    const ProcessResult ps =
+        runProcess({"/usr/bin/ps", "-o", "pid=", "--ppid", std::to_string(parent)});
+    std::vector<pid_t> pids;
+    std::istringstream in(ps.out);
+    pid_t pid;
+    while (in >> pid) pids.push_back(pid);
+    return pids;
+}
+
+void killTree(pid_t root) {
+    // Children first: once their parent is gone they could no longer be found.
+    for (pid_t child : childrenOf(root)) killTree(child);
+    kill(root, SIGKILL);
+}
+
+}  // namespace
+
+std::vector<pid_t> SshdServer::sessionPids() const { return childrenOf(pid_); }
+
+void SshdServer::killSessions() const {
+    for (pid_t session : sessionPids()) killTree(session);
+}
+
+std::string SshdServer::log() const {
+    std::ifstream in(dir_ + "/sshd.log");
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+void SshdTest::SetUp() { server_.reset(new SshdServer(sshdOptions())); }
+
+void SshdTest::TearDown() {
+    if (HasFailure() && server_) std::cerr << "sshd log:\n" << server_->log();
+    server_.reset();
+}
+
+}  // namespace test
+}  // namespace tavik

@@ -1,0 +1,104 @@
+// A real OpenSSH server on 127.0.0.1 for tests, started through scripts/sshd-host.sh.
+//
+// Tests run inside scripts/sandbox.sh (CTest does that for every case), where the server's test
+// account and its PAM stack stay private. Typical use:
+//
+//   class MyTest : public tavik::test::SshdTest {};
+//   TEST_F(MyTest, Works) { tavik::Ssh ssh(host(), user(), password(), false, port()); ... }
+//
+// or, for a server of another kind, override sshdOptions() in the fixture.
+#ifndef FERRYGATE_TESTS_SUPPORT_SSHD_FIXTURE_H
+#define FERRYGATE_TESTS_SUPPORT_SSHD_FIXTURE_H
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/process.h"
+
+namespace tavik {
+namespace test {
+
+struct SshdOptions {
+    std::string user = "fgtest";
+    // Methods the server offers, comma-separated: password, keyboard-interactive, publickey.
+    std::string auth = "password,keyboard-interactive";
+    // Also offer the legacy key exchange diffie-hellman-group1-sha1.
+    bool compat = false;
+    // Login shell of the account; empty means /bin/bash.
+    std::string shell;
+    // A public key file allowed to log in as the account; empty for none.
+    std::string authorizedKey;
+    // More sshd_config lines, "Key value".
+    std::vector<std::string> extraConfig;
+    // Range of the random port, "LOW-HIGH".
+    std::string ports = "20000-60999";
+};
+
+// One running server and its test account; stopped (with all its sessions) by the destructor.
+class SshdServer {
+  public:
+    // Starts the server with a fresh random password; throws std::runtime_error on failure.
+    explicit SshdServer(const SshdOptions& options = SshdOptions());
+    SshdServer(const SshdServer&) = delete;
+    SshdServer& operator=(const SshdServer&) = delete;
+    ~SshdServer();
+
+    const std::string& host() const { return host_; }
+    unsigned short port() const { return port_; }
+    const std::string& user() const { return user_; }
+    const std::string& password() const { return password_; }
+    const std::string& home() const { return home_; }
+    pid_t pid() const { return pid_; }
+
+    // Runs `command` with /bin/sh -c as the test account in its home directory.
+    ProcessResult runAsUser(const std::string& command, const std::string& input = "") const;
+    // The server's per-connection processes (children of the listener).
+    std::vector<pid_t> sessionPids() const;
+    // Kills every per-connection process and what runs below it, as a crash of the server side
+    // of every connection would; the listener keeps running.
+    void killSessions() const;
+    // The server's own log, for diagnosing a failing test.
+    std::string log() const;
+    // Stops the server now; the destructor then does nothing.
+    void stop();
+
+  private:
+    std::string host_ = "127.0.0.1";
+    unsigned short port_ = 0;
+    std::string user_;
+    std::string password_;
+    std::string home_;
+    std::string dir_;
+    pid_t pid_ = -1;
+};
+
+// A gtest fixture with one server per test case.
+class SshdTest : public ::testing::Test {
+  protected:
+    virtual SshdOptions sshdOptions() const { return SshdOptions(); }
+    void SetUp() override;
+    void TearDown() override;
+
+    SshdServer& sshd() { return *server_; }
+    const std::string& host() const { return server_->host(); }
+    unsigned short port() const { return server_->port(); }
+    const std::string& user() const { return server_->user(); }
+    const std::string& password() const { return server_->password(); }
+
+  private:
+    std::unique_ptr<SshdServer> server_;
+};
+
+// The checkout's scripts directory.
+std::string scriptsDir();
+// A password of printable characters, shell-special ones and a blank included, without ':'.
+std::string randomPassword();
+
+}  // namespace test
+}  // namespace tavik
+
+#endif  // FERRYGATE_TESTS_SUPPORT_SSHD_FIXTURE_H
