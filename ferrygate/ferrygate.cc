@@ -4,7 +4,9 @@
 #include <ctime>
 #include <iostream>
 
+#include "commons/debug_log.h"
 #include "commons/exceptions.h"
+#include "commons/start_stop_logger.h"
 #include "ferrygate/options.h"
 #include "ferrygate/session.h"
 #include "utils/read_configuration.h"
@@ -37,13 +39,18 @@ int real_main(int argc, char** argv) {
     }
 
     SessionLifetimeController session(cfg.sessionPath);
+    DebugLogLifetimeController debugLog(false, cfg.verbose);
+    StartStopLogger startStop("Ferrygate", argc, argv);
     try {
         verify_options(&cfg);
-    } catch (const Exc<&OptParsingError>&) {
+    } catch (const Exc<&OptParsingError>& e) {
         // The message belongs in the session's debug log, never on the terminal.
+        theDebugLog->log(e);
+        startStop.setExitCode(1);
         return 1;
     }
     std::cerr << "ferrygate: the requested action is not available in this build\n";
+    startStop.setExitCode(kActionNotAvailable);
     return kActionNotAvailable;
 }
 

@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "commons/exceptions.h"
+#include "commons/msg_formatter.h"
 #include "ferrygate/ferrygate.h"
 
 int main(int argc, char** argv) {
@@ -14,7 +15,7 @@ int main(int argc, char** argv) {
     try {
         return tavik::real_main(argc, argv);
     } catch (const tavik::ExTraceable& e) {
-        std::cerr << "Uncaught ExTraceableException: " << e.code() << ": " << e.what() << "\n";
+        std::cerr << "Uncaught ExTraceableException: " << tavik::formatPlainTextMessage(e) << "\n";
     } catch (const std::exception& e) {
         std::cerr << "Uncaught std::exception: " << e.what() << "\n";
     } catch (...) {

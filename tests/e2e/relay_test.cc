@@ -21,7 +21,7 @@
 namespace tavik {
 namespace {
 
-using testing::RelayProcess;
+using test::RelayProcess;
 using Clock = std::chrono::steady_clock;
 
 double secondsSince(Clock::time_point start) {

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "support/product_root.h"
 #include "support/run_program.h"
 #include "support/sandbox_env.h"
 
@@ -62,6 +63,7 @@ TEST(Driver, HelpPrintsTheUsageAndCreatesNothing) {
 TEST(Driver, RejectedOptionsLeaveTheSessionDirectoryStandingWithItsMode) {
     ASSERT_TRUE(inSandbox());
     ASSERT_TRUE(addSystemAccount("hmxadm"));
+    testing::ProductRoot product(FERRYGATE_SOURCE_DIR "/data/log4cpp.properties");
     ScratchDir cwd;
     ProgramResult r = runProgram(
         FERRYGATE_BINARY, {"--send-scout", "--send-scout", "--session-path", "S"}, cwd.path());
@@ -103,7 +105,10 @@ TEST(Driver, AnUncreatableSessionIsReportedAsUncaught) {
         runProgram(FERRYGATE_BINARY, {"--send-scout", "--session-path=file"}, cwd.path());
     EXPECT_EQ(1, r.exitCode);
     EXPECT_EQ(0u, r.err.find("Uncaught ExTraceableException: ")) << r.err;
-    EXPECT_NE(std::string::npos, r.err.find("Unable to create session directory\n")) << r.err;
+    EXPECT_NE(std::string::npos,
+              r.err.find("UnableToCreateSession: Unable to create session: Unable to create "
+                         "session directory ["))
+        << r.err;
 }
 
 }  // namespace

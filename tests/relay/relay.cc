@@ -133,14 +133,15 @@ class Direction {
     bool readFrom(int fd, Clock::time_point now) {
         // A few reads per wake-up: one poll per chunk would cap the throughput well below
         // what loopback carries.
+        // Chunks are copied out of one shared buffer at their exact size: the queue limit counts
+        // bytes, and many small reads must not each hold a full-sized buffer.
+        static std::vector<char> buffer(kReadSize);
         for (int i = 0; i < kReadsPerWakeup && wantsInput(); ++i) {
-            std::vector<char> data(std::min(kReadSize, queueLimit_ - queued_));
-            ssize_t n = recv(fd, data.data(), data.size(), 0);
+            ssize_t n = recv(fd, buffer.data(), std::min(kReadSize, queueLimit_ - queued_), 0);
             if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
-            data.resize(static_cast<size_t>(n));
             if (n == 0) inputEnded_ = true;
-            queued_ += data.size();
-            queue_.push_back(Chunk{now + rules_.delay, std::move(data), 0});
+            queued_ += static_cast<size_t>(n);
+            queue_.push_back(Chunk{now + rules_.delay, {buffer.begin(), buffer.begin() + n}, 0});
         }
         return true;
     }

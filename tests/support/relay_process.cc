@@ -14,7 +14,7 @@
 extern char** environ;
 
 namespace tavik {
-namespace testing {
+namespace test {
 
 namespace {
 
@@ -79,5 +79,5 @@ int RelayProcess::stop() {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-}  // namespace testing
+}  // namespace test
 }  // namespace tavik

@@ -7,12 +7,14 @@
 #include <vector>
 
 namespace tavik {
-namespace testing {
+namespace test {
 
 // fg-relay running in front of a local port, for tests that need distance or faults between
 // ferrygate and sshd. The relay listens on a free loopback port; connect to port() instead of
 // the target. Rules are fg-relay options, e.g. {"--delay-down-ms", "25", "--cut-down-at", "5000"}.
-// The constructor throws std::runtime_error when the relay does not start within five seconds.
+// With tests/support/sshd_fixture.h: RelayProcess relay(server.port(), {...}) and connect to
+// relay.port(). The constructor throws std::runtime_error when the relay does not start within five
+// seconds.
 class RelayProcess {
   public:
     RelayProcess(uint16_t targetPort, const std::vector<std::string>& rules);
@@ -31,5 +33,5 @@ class RelayProcess {
     uint16_t port_ = 0;
 };
 
-}  // namespace testing
+}  // namespace test
 }  // namespace tavik

@@ -15,7 +15,9 @@ struct ProgramResult {
 };
 
 // Runs `program` with `args` (no single quotes in them) in `cwd`, with this process's
-// environment and an empty standard input.
+// environment and an empty standard input. When `program` is a ferrygate binary and the
+// environment holds FERRYGATE_WRAPPER (shell words, e.g. "valgrind --error-exitcode=97"), the
+// binary runs under that command instead (scripts/valgrind-e2e.sh).
 ProgramResult runProgram(const std::string& program, const std::vector<std::string>& args,
                          const std::string& cwd);
 

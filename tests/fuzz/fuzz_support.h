@@ -1,0 +1,64 @@
+// Helpers shared by the fuzz targets. A target states the properties its parser must keep and
+// aborts on the first broken one, so that the fuzzer (or the corpus replay in the normal build)
+// reports the input that broke it.
+#ifndef FERRYGATE_TESTS_FUZZ_FUZZ_SUPPORT_H
+#define FERRYGATE_TESTS_FUZZ_FUZZ_SUPPORT_H
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace tavik {
+namespace fuzz {
+
+[[noreturn]] inline void fail(const char* file, int line, const char* what) {
+    fprintf(stderr, "%s:%d: property violated: %s\n", file, line, what);
+    abort();
+}
+
+// Aborts with the condition's text when it does not hold. Unlike assert, never compiled out.
+#define FUZZ_CHECK(condition)                                                  \
+    do {                                                                       \
+        if (!(condition)) ::tavik::fuzz::fail(__FILE__, __LINE__, #condition); \
+    } while (0)
+
+// The fuzz input as an anonymous in-memory file that code wanting a path can open by name
+// (/proc/self/fd/N). Nothing touches the disk, and the file vanishes with the object.
+class MemFile {
+  public:
+    MemFile(const uint8_t* data, size_t size) : fd_(memfd_create("fuzz-input", 0)) {
+        if (fd_ < 0) {
+            perror("memfd_create");
+            abort();
+        }
+        size_t done = 0;
+        while (done < size) {
+            const ssize_t n = write(fd_, data + done, size - done);
+            if (n <= 0) {
+                perror("write");
+                abort();
+            }
+            done += static_cast<size_t>(n);
+        }
+        path_ = "/proc/self/fd/" + std::to_string(fd_);
+    }
+    ~MemFile() { close(fd_); }
+    MemFile(const MemFile&) = delete;
+    MemFile& operator=(const MemFile&) = delete;
+
+    const std::string& path() const { return path_; }
+
+  private:
+    int fd_;
+    std::string path_;
+};
+
+}  // namespace fuzz
+}  // namespace tavik
+
+#endif  // FERRYGATE_TESTS_FUZZ_FUZZ_SUPPORT_H

@@ -1,0 +1,281 @@
+#include "xml/xml_wrap.h"
+
+#include <fcntl.h>
+#include <libxml/tree.h>
+#include <libxml/xmlIO.h>
+#include <libxml/xmlsave.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ostream>
+
+#include "commons/commons.h"
+#include "commons/exceptions.h"
+#include "utils/tavik_ugid.h"
+#include "xml/xml_internal.h"
+#include "xml/xml_parse.h"
+
+namespace tavik {
+
+using xml_detail::toString;
+using xml_detail::toXml;
+using xml_detail::XmlCharPtr;
+
+namespace {
+
+// Closed by its owner, or at the end of the scope when an error came first.
+struct FileDescriptor {
+    int fd;
+    ~FileDescriptor() {
+        if (fd >= 0) ::close(fd);
+    }
+    int close() {
+        const int result = ::close(fd);
+        fd = -1;
+        return result;
+    }
+};
+
+struct FileOwner {
+    uid_t uid;
+    gid_t gid;
+};
+
+// The account does not change during a run, and looking it up costs as much as all the rest of
+// a status save; a missing account (0, 0) is reported once instead of at every save.
+const FileOwner& hmxadm() {
+    static const FileOwner owner{tavik_ugid("hmxadm", 0), tavik_ugid("hmxadm", 1)};
+    return owner;
+}
+
+struct OutputBufferClose {
+    void operator()(xmlOutputBuffer* buffer) const { xmlOutputBufferClose(buffer); }
+};
+
+}  // namespace
+
+log4cpp::Category& tXmlDocument::logger = log4cpp::Category::getInstance("p.Xml");
+
+void rkuFreeXmlChar(xmlChar* s) {
+    if (s != nullptr) xmlFree(s);
+}
+
+int StreamXmlIoHandler::write(void* stream, const char* bytes, int length) {
+    auto& out = *static_cast<std::ostream*>(stream);
+    out.write(bytes, length);
+    return out.fail() ? -1 : length;
+}
+
+int StreamXmlIoHandler::close(void*) { return 0; }
+
+tXmlDocument::tXmlDocument() : doc_(xmlNewDoc(BAD_CAST "1.0"), xmlFreeDoc) {
+    if (!doc_)
+        TAVIK_XML_RAISE(logger, tError_XmlInternal, "#0001: Can not create new XML document.");
+}
+
+tXmlDocument::tXmlDocument(const char* filename) { readFromFile(filename); }
+
+tXmlDocument::tXmlDocument(const boost::filesystem::path& filename) {
+    readFromFile(filename.c_str());
+}
+
+tXmlDocument::tXmlDocument(const std::string& content) {
+    if (content.empty()) TAVIK_XML_RAISE(logger, AssertionFailed, "content.size()");
+    tXmlErrorCollector errors;
+    XmlDocPtr parsed = readXmlMemory(content);
+    if (!parsed) TAVIK_XML_RAISE(logger, tError_ParseFile, "-", errors.text());
+    doc_ = std::move(parsed);
+}
+
+tXmlDocument::tXmlDocument(Adopt, xmlDoc* owned) : doc_(owned, xmlFreeDoc) {}
+
+tXmlDocument::~tXmlDocument() noexcept(false) = default;
+
+void tXmlDocument::readFromFile(const char* filename) {
+    if (filename == nullptr) TAVIK_XML_RAISE(logger, AssertionFailed, "filename != NULL");
+    if (*filename == '\0') TAVIK_XML_RAISE(logger, AssertionFailed, "*filename != 0");
+    if (std::strcmp(filename, "-") != 0 && !check_input_file(filename))
+        TAVIK_XML_RAISE(logger, tError_WrongInputFile, filename);
+    tXmlErrorCollector errors;
+    XmlDocPtr parsed = readXmlFile(filename);
+    if (!parsed) TAVIK_XML_RAISE(logger, tError_ParseFile, filename, errors.text());
+    doc_ = std::move(parsed);
+}
+
+void tXmlDocument::saveToFile(const char* filename) {
+    if (filename == nullptr) TAVIK_XML_RAISE(logger, AssertionFailed, "filename != NULL");
+    if (*filename == '\0') TAVIK_XML_RAISE(logger, AssertionFailed, "*filename != 0");
+    tXmlErrorCollector errors;
+    const bool saved = std::strcmp(filename, "-") == 0 ? xmlSaveFile(filename, getDoc()) >= 0
+                                                       : writeFile(filename);
+    if (!saved) {
+        logger.error(errors.text());
+        TAVIK_XML_RAISE(logger, tError_SaveFile, filename);
+    }
+}
+
+// Truncating a file to zero on ext4 makes its close write the data out (auto_da_alloc), as a
+// rename over another file does: costly at thousands of saves a second. So the file is opened
+// without O_TRUNC and cut to the new length after writing, which is the same in the end.
+bool tXmlDocument::writeFile(const char* filename) const {
+    FileDescriptor file{open(filename, O_WRONLY | O_CREAT | O_CLOEXEC, 0666)};
+    if (file.fd < 0) return false;
+    const xmlChar* encoding = getDoc()->encoding;
+    xmlCharEncodingHandler* encoder = nullptr;
+    if (encoding != nullptr) {
+        encoder = xmlFindCharEncodingHandler(reinterpret_cast<const char*>(encoding));
+        if (encoder == nullptr) return false;
+    }
+    // The buffer leaves the descriptor open; xmlSaveFormatFileTo releases the buffer.
+    const int written = xmlSaveFormatFileTo(xmlOutputBufferCreateFd(file.fd, encoder), getDoc(),
+                                            reinterpret_cast<const char*>(encoding), 0);
+    return written >= 0 && ftruncate(file.fd, written) == 0 && file.close() == 0;
+}
+
+void tXmlDocument::saveToFile(const std::string& filename) { saveToFile(filename.c_str()); }
+
+int tXmlDocument::saveToStdout() {
+    saveToFile("-");
+    return 0;
+}
+
+int tXmlDocument::saveToStream(std::ostream& out) {
+    std::unique_ptr<xmlOutputBuffer, OutputBufferClose> buffer(
+        xmlOutputBufferCreateIO(StreamXmlIoHandler::write, StreamXmlIoHandler::close, &out,
+                                xmlFindCharEncodingHandler("UTF-8")));
+    if (!buffer) TAVIK_XML_RAISE(logger, tError_SaveFile, "output stream");
+    return saveToBuffer(buffer.get());
+}
+
+int tXmlDocument::saveToBuffer(xmlOutputBuffer* buffer) {
+    if (buffer == nullptr) TAVIK_XML_RAISE(logger, AssertionFailed, "buffer != 0");
+    tXmlErrorCollector errors;
+    xmlNodeDumpOutput(buffer, getDoc(), reinterpret_cast<xmlNode*>(getDoc()), 0, 0, "UTF-8");
+    // A write that failed on the way marks the buffer; the flush reports it as well.
+    if (xmlOutputBufferFlush(buffer) < 0 || buffer->error != 0) {
+        logger.error(errors.text());
+        TAVIK_XML_RAISE(logger, tError_SaveFile, "in-memory buffer");
+    }
+    return 1;
+}
+
+void tXmlDocument::saveToFileAtomically(const std::string& filename) {
+    const boost::filesystem::path target(filename);
+    std::string directory = target.parent_path().string();
+    // A bare name lives in the current directory, not in the default temporary one: the rename
+    // must not cross file systems.
+    if (directory.empty()) directory = ".";
+    const std::string temporary = RKU_getTempFileName(directory, target.filename().string());
+
+    saveToFile(temporary);
+
+    const FileOwner& owner = hmxadm();
+    if (chown(temporary.c_str(), owner.uid, owner.gid) != 0)
+        TAVIK_XML_RAISE(logger, CantTakeFileOwnership, temporary, std::strerror(errno));
+    replaceFile(temporary, filename);
+}
+
+void tXmlDocument::replaceFile(const std::string& replacement, const std::string& target) {
+    // On ext4, renaming a file over another first writes the new file's data out
+    // (auto_da_alloc): milliseconds for each of the thousands of status saves of a download.
+    // Swapping the two names and then removing the old version skips that, and a reader still
+    // finds one whole version or the other. Directories are never swapped into our name.
+    struct stat existing = {};
+    if (lstat(target.c_str(), &existing) == 0 && S_ISREG(existing.st_mode) &&
+        renameat2(AT_FDCWD, replacement.c_str(), AT_FDCWD, target.c_str(), RENAME_EXCHANGE) == 0) {
+        if (unlink(replacement.c_str()) != 0)
+            logger.error("Cannot remove the previous version " + replacement + ": " +
+                         std::strerror(errno));
+        return;
+    }
+    // No target yet, or a file system that cannot swap names.
+    if (rename(replacement.c_str(), target.c_str()) != 0)
+        TAVIK_XML_RAISE(logger, CantRenameFile, replacement, target, std::strerror(errno));
+}
+
+tXmlRkuDocument::tXmlRkuDocument() : root_(nullptr) {}
+
+tXmlRkuDocument::tXmlRkuDocument(const char* filename) : tXmlDocument(filename), root_(nullptr) {}
+
+tXmlRkuDocument::tXmlRkuDocument(const boost::filesystem::path& filename)
+    : tXmlDocument(filename), root_(nullptr) {}
+
+tXmlRkuDocument::tXmlRkuDocument(const std::string& content)
+    : tXmlDocument(content), root_(nullptr) {}
+
+void tXmlRkuDocument::readFromFile(const char* filename) {
+    tXmlDocument::readFromFile(filename);
+    root_ = nullptr;
+}
+
+void tXmlRkuDocument::initNewDoc(const std::string& rootName) {
+    xmlNode* root = xmlNewDocNode(getDoc(), nullptr, toXml(rootName), nullptr);
+    if (root == nullptr)
+        TAVIK_XML_RAISE(logger, tError_XmlInternal, "#0002: Can not create new node");
+    // A root installed over an earlier one hands that one back to us to free.
+    xmlFreeNode(xmlDocSetRootElement(getDoc(), root));
+    root_ = root;
+}
+
+void tXmlRkuDocument::initFileDoc(const std::string& expectedRootName) {
+    xmlNode* root = xmlDocGetRootElement(getDoc());
+    if (root == nullptr) TAVIK_XML_RAISE(logger, tError_EmptyDoc, expectedRootName);
+    if (!stringEq(root->name, expectedRootName))
+        TAVIK_XML_RAISE(logger, tError_WrongDoc, expectedRootName, toString(root->name));
+    root_ = root;
+}
+
+xmlNode* tXmlRkuDocument::getRootNodeChild(const std::string& name) const {
+    if (root_ == nullptr) TAVIK_XML_RAISE(logger, AssertionFailed, "root != NULL");
+    for (xmlNode* child = root_->children; child != nullptr; child = child->next)
+        if (child->type == XML_ELEMENT_NODE && stringEq(child->name, name)) return child;
+    TAVIK_XML_RAISE(
+        logger, tError_WrongContent,
+        "Can not find '" + name + "' element in '" + toString(root_->name) + "' element.");
+}
+
+std::string tXmlRkuDocument::getAttribute(xmlNode* node, const std::string& name) const {
+    if (node == nullptr) TAVIK_XML_RAISE(logger, AssertionFailed, "node != NULL");
+    XmlCharPtr value(xmlGetProp(node, toXml(name)));
+    if (!value) TAVIK_XML_RAISE(logger, NoSuchAttribute, toString(node->name), name);
+    return toString(value.get());
+}
+
+std::string tXmlRkuDocument::getNodeText(xmlNode* node) const {
+    if (node == nullptr) TAVIK_XML_RAISE(logger, AssertionFailed, "node != NULL");
+    XmlCharPtr text(xmlNodeListGetString(getDoc(), node->children, 1));
+    return toString(text.get());
+}
+
+xmlNode* tXmlRkuDocument::newChild(xmlNode* parent, const std::string& name) {
+    if (parent == nullptr) TAVIK_XML_RAISE(logger, AssertionFailed, "parent != NULL");
+    xmlNode* child = xmlNewChild(parent, nullptr, toXml(name), nullptr);
+    if (child == nullptr)
+        TAVIK_XML_RAISE(logger, tError_XmlInternal, "#0002: Can not create new node");
+    return child;
+}
+
+xmlNode* tXmlRkuDocument::newTextChild(xmlNode* parent, const std::string& name,
+                                       const std::string& content) {
+    if (parent == nullptr) return nullptr;
+    xmlNode* child = xmlNewTextChild(parent, nullptr, toXml(name), toXml(content));
+    if (child == nullptr)
+        TAVIK_XML_RAISE(logger, tError_XmlInternal, "#0002: Can not create new node");
+    return child;
+}
+
+void tXmlRkuDocument::addAttribute(xmlNode* node, const std::string& name,
+                                   const std::string& value) {
+    if (node == nullptr) TAVIK_XML_RAISE(logger, AssertionFailed, "node != NULL");
+    if (xmlSetProp(node, toXml(name), toXml(value)) == nullptr)
+        TAVIK_XML_RAISE(logger, tError_XmlInternal, "Can not set attribute " + name);
+}
+
+bool tXmlRkuDocument::stringEq(const xmlChar* xmlString, const std::string& s) {
+    return xmlString != nullptr && s == reinterpret_cast<const char*>(xmlString);
+}
+
+}  // namespace tavik
