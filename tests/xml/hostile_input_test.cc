@@ -1,0 +1,227 @@
+// Documents from the source host are hostile input: entity bombs must be refused before they
+// cost more than the document itself, and nothing a document names outside itself (files,
+// DTDs, URLs) may ever be read.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <functional>
+#include <string>
+
+#include "commons/exceptions.h"
+#include "support/sandbox_env.h"
+#include "xml/agent_file_list.h"
+#include "xml/data_documents.h"
+#include "xml/xml_xpath.h"
+#include "xml_test_util.h"
+
+namespace tavik {
+namespace {
+
+using testing::ScratchDir;
+using testing::writeTextFile;
+
+const int kSecondsAllowed = 10;  // generous for sanitizer and valgrind builds
+const char kSecret[] = "TOPSECRET-4711";
+
+// Runs `body` in a child process that is killed after kSecondsAllowed, so that a document that
+// does explode cannot hang or exhaust the test run. Returns what the body returned, "refused"
+// for a tagged exception, or what went wrong instead.
+std::string bounded(const std::function<std::string()>& body) {
+    int pipeFds[2];
+    if (pipe(pipeFds) != 0) return "pipe failed";
+    const pid_t child = fork();
+    if (child == 0) {
+        close(pipeFds[0]);
+        alarm(kSecondsAllowed);
+        std::string verdict;
+        try {
+            verdict = body();
+        } catch (const ExTraceable&) {
+            verdict = "refused";
+        } catch (const std::exception& e) {
+            verdict = std::string("untagged exception: ") + e.what();
+        }
+        if (write(pipeFds[1], verdict.data(), verdict.size()) < 0) _exit(2);
+        _exit(0);
+    }
+    close(pipeFds[1]);
+    std::string verdict;
+    char buffer[256];
+    for (ssize_t n; (n = read(pipeFds[0], buffer, sizeof buffer)) > 0;) verdict.append(buffer, n);
+    close(pipeFds[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) return "still busy after 10 s";
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return "child died";
+    return verdict;
+}
+
+// "ok" when no text a reader returned is longer than the document it came from.
+std::string withinDocumentSize(const std::string& document, const std::string& text) {
+    return text.size() <= document.size() ? "ok" : "expanded to " + std::to_string(text.size());
+}
+
+std::string billionLaughs(const std::string& root, const std::string& body) {
+    std::string dtd = "<!ENTITY e0 \"laugh\">";
+    for (int i = 1; i < 10; ++i) {
+        dtd += "<!ENTITY e" + std::to_string(i) + " \"";
+        for (int j = 0; j < 10; ++j) dtd += "&e" + std::to_string(i - 1) + ";";
+        dtd += "\">";
+    }
+    return "<?xml version=\"1.0\"?><!DOCTYPE " + root + " [" + dtd + "]>" + body;
+}
+
+// One flat entity of 50 kB referenced 20000 times: 1 GB once expanded. libxml2's own guard only
+// sees nested expansion while it parses.
+std::string quadraticBlowup(const std::string& root, const std::string& bodyTemplate) {
+    std::string refs;
+    for (int i = 0; i < 20000; ++i) refs += "&big;";
+    std::string body = bodyTemplate;
+    body.replace(body.find("REFS"), 4, refs);
+    return "<?xml version=\"1.0\"?><!DOCTYPE " + root + " [<!ENTITY big \"" +
+           std::string(50000, 'x') + "\">]>" + body;
+}
+
+std::string firstName(const std::string& list) {
+    return getFileList(list)->getFileList().at(0).name;
+}
+
+TEST(HostileXml, EntityBombsAreRefusedBeforeTheyExpand) {
+    const std::string laughs = billionLaughs(
+        "contentlist", "<contentlist><file size=\"1\" md5sum=\"m\">&e9;</file></contentlist>");
+    EXPECT_EQ("refused", bounded([&] { return withinDocumentSize(laughs, firstName(laughs)); }));
+
+    ScratchDir dir;
+    const std::string selection = dir.path() + "/selection.xml";
+    writeTextFile(selection, billionLaughs("selection",
+                                           "<selection><domain><name>&e9;</name>"
+                                           "</domain></selection>"));
+    EXPECT_EQ("refused", bounded([&] {
+                  tXmlRkuDocument doc(selection.c_str());
+                  return withinDocumentSize("", tXPathExpr(doc, "string(//domain/name)").str());
+              }));
+}
+
+// Disabled until the XML layer refuses entity declarations it would expand on every read (see
+// the reliability report): today each of these builds a 1 GB string and takes half a minute.
+TEST(HostileXml, DISABLED_FlatEntityBlowupsCostNoMoreThanTheDocument) {
+    const std::string inName = quadraticBlowup(
+        "contentlist", "<contentlist><file size=\"1\" md5sum=\"m\">REFS</file></contentlist>");
+    const std::string inAttribute = quadraticBlowup(
+        "contentlist", "<contentlist><file size=\"1\" md5sum=\"REFS\">n</file></contentlist>");
+    const std::string inCredentials =
+        quadraticBlowup("credentials", "<credentials><username>REFS</username></credentials>");
+    const std::string verdicts[] = {
+        bounded([&] { return withinDocumentSize(inName, firstName(inName)); }),
+        bounded([&] {
+            return withinDocumentSize(inAttribute,
+                                      getFileList(inAttribute)->getFileList().at(0).md5);
+        }),
+        bounded([&] {
+            return withinDocumentSize(inCredentials,
+                                      getDatabaseCredentials(inCredentials)->getUsername());
+        }),
+    };
+    for (const std::string& verdict : verdicts) {
+        EXPECT_TRUE(verdict == "ok" || verdict == "refused") << verdict;
+    }
+}
+
+// A listening socket on the loopback that counts the connections made to it.
+class Listener {
+  public:
+    Listener() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        if (bind(fd_, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(fd_, 8) != 0 ||
+            getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+            ADD_FAILURE() << "no loopback listener: " << strerror(errno);
+        }
+        port_ = ntohs(address.sin_port);
+    }
+    ~Listener() { close(fd_); }
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
+
+    std::string url(const std::string& file) const {
+        return "http://127.0.0.1:" + std::to_string(port_) + "/" + file;
+    }
+    bool contacted() const {
+        const int connection = accept(fd_, nullptr, nullptr);
+        if (connection < 0) return false;
+        close(connection);
+        return true;
+    }
+
+  private:
+    int fd_;
+    int port_ = 0;
+};
+
+TEST(HostileXml, NothingOutsideTheDocumentIsEverRead) {
+    ScratchDir dir;
+    const std::string secret = dir.path() + "/secret.txt";
+    const std::string dtd = dir.path() + "/defaults.dtd";
+    writeTextFile(secret, kSecret);
+    writeTextFile(dtd, std::string("<!ATTLIST file md5sum CDATA \"") + kSecret +
+                           "\"><!ENTITY fromDtd \"" + kSecret + "\">");
+    Listener listener;
+
+    // Each document reaches for the secret one way; whatever the reader makes of it, the secret
+    // must not be in what it returns.
+    const std::string head = "<?xml version=\"1.0\"?><!DOCTYPE contentlist ";
+    const std::string lists[] = {
+        head + "[<!ENTITY x SYSTEM \"file://" + secret +
+            "\">]><contentlist>"
+            "<file size=\"1\" md5sum=\"m\">&x;</file></contentlist>",
+        head + "SYSTEM \"file://" + dtd +
+            "\"><contentlist><file size=\"1\">&fromDtd;</file>"
+            "</contentlist>",
+        head + "[<!ENTITY % p SYSTEM \"file://" + dtd +
+            "\"> %p;]><contentlist>"
+            "<file size=\"1\" md5sum=\"m\">&fromDtd;</file></contentlist>",
+        head + "SYSTEM \"" + listener.url("a.dtd") + "\" [<!ENTITY y SYSTEM \"" +
+            listener.url("y") +
+            "\">]><contentlist><file size=\"1\" md5sum=\"m\">&y;</file>"
+            "</contentlist>",
+    };
+    for (const std::string& list : lists) {
+        std::string seen;
+        try {
+            const auto files = getFileList(list)->getFileList();
+            for (const DumpFile& file : files) seen += file.name + " " + file.md5 + "\n";
+        } catch (const ExTraceable& e) {
+            seen = e.what();
+        }
+        EXPECT_EQ(std::string::npos, seen.find(kSecret)) << list;
+    }
+
+    // A selection file is read from disk; its references resolve against its own directory.
+    const std::string selection = dir.path() + "/selection.xml";
+    writeTextFile(selection,
+                  "<?xml version=\"1.0\"?><!DOCTYPE selection SYSTEM \"defaults.dtd\" "
+                  "[<!ENTITY s SYSTEM \"secret.txt\">]><selection><domain>"
+                  "<name>&s;</name><name>&fromDtd;</name></domain></selection>");
+    std::string seen;
+    try {
+        tXmlRkuDocument doc(selection.c_str());
+        seen = tXPathExpr(doc, "string(//domain/name[1])").str() +
+               tXPathExpr(doc, "string(//domain/name[2])").str();
+    } catch (const ExTraceable& e) {
+        seen = e.what();
+    }
+    EXPECT_EQ(std::string::npos, seen.find(kSecret));
+
+    EXPECT_FALSE(listener.contacted());
+}
+
+}  // namespace
+}  // namespace tavik
