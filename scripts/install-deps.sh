@@ -11,6 +11,7 @@ packages=(
   openssh-server openssh-client sudo perl passwd util-linux procps iproute2 psmisc
   libxml2-utils groff-base
   clang-14 libclang-rt-14-dev valgrind
+  rsync bc tar gzip
 )
 
 missing=()

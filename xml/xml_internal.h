@@ -17,7 +17,7 @@ namespace xml_detail {
 // Lower layers log a failure before it travels up.
 template <class E>
 [[noreturn]] void logAndThrow(log4cpp::Category& logger, const E& e) {
-    logger.error(e.what());
+    logger.error("%s", e.what());
     throw e;
 }
 

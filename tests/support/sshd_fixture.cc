@@ -89,9 +89,10 @@ void SshdServer::stop() {
 }
 
 ProcessResult SshdServer::runAsUser(const std::string& command, const std::string& input) const {
+    // useradd makes the home directory's path from the user name: it needs no shell quoting.
     return runProcess(
-        {"/usr/sbin/runuser", "-u", user_, "--", "/bin/sh", "-c", "cd \"$HOME\" && " + command},
-        input, {"HOME=" + home_});
+        {"/usr/sbin/runuser", "-u", user_, "--", "/bin/sh", "-c", "cd " + home_ + " && " + command},
+        input);
 }
 
 namespace {

@@ -1,0 +1,7 @@
+#include "commons/alarm.h"
+
+namespace tavik {
+
+Alarm::~Alarm() = default;
+
+}  // namespace tavik

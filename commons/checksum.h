@@ -1,0 +1,44 @@
+// Services every transfer shares: MD5 of a stream, the termination flag, and a walk over a local
+// directory tree.
+#ifndef FERRYGATE_COMMONS_CHECKSUM_H
+#define FERRYGATE_COMMONS_CHECKSUM_H
+
+#include <atomic>
+#include <boost/filesystem/path.hpp>
+#include <boost/function.hpp>
+#include <istream>
+#include <string>
+
+namespace tavik {
+
+// The MD5 digest of everything left in `in`, as 32 lower-case hexadecimal digits. Throws
+// StreamRead when the stream fails before its end (an unopened file included).
+std::string countMd5Sum(std::istream& in);
+
+// Set once a stop of the migration is requested; nothing clears it. Lock-free, so a signal
+// handler may set it.
+extern std::atomic<bool> isProgramTerminated;
+// Requests the stop: every transfer ends at its next chunk.
+void terminateProgram();
+// Throws MigrationTerminatedException when a stop was requested.
+void checkProgramTerminated();
+
+// Called with each entry's full path and its path relative to the walk's root ("." for the
+// root, "./d/f" below it). For a directory, false skips its contents.
+typedef boost::function<bool(const boost::filesystem::path&, const boost::filesystem::path&)>
+    DirVisitor;
+
+// Visits `root` and everything below it, depth-first, a directory before its contents, entries in
+// the order the file system lists them. Symbolic links to directories are followed (no cycle
+// guard). Exceptions of `visit` and of the file system end the walk.
+void recursive_dir_walk(const boost::filesystem::path& root, DirVisitor visit);
+// Visits `full`, then, if it is a directory and `visit` said true, each of its entries.
+void recursive_dir_walk_sync(const boost::filesystem::path& full,
+                             const boost::filesystem::path& relative, DirVisitor visit);
+// Walks the directory entry `entry` of the directory whose relative path is `relative`.
+void recursive_dir_walk_internal(const boost::filesystem::path& entry,
+                                 const boost::filesystem::path& relative, DirVisitor visit);
+
+}  // namespace tavik
+
+#endif  // FERRYGATE_COMMONS_CHECKSUM_H

@@ -1,0 +1,70 @@
+// The actions of the command line, one class each (the agent deployment is in send_agent.h).
+#ifndef FERRYGATE_FERRYGATE_ACTIONS_H
+#define FERRYGATE_FERRYGATE_ACTIONS_H
+
+#include <string>
+#include <vector>
+
+#include "ferrygate/action.h"
+#include "ferrygate/send_agent.h"
+
+namespace tavik {
+
+// --send-scout: feeds the scout script to the remote perl and keeps what it prints as the
+// session's scout result. Throws UnableToOpenScoutFile (before connecting), FailedToExecuteScout.
+class SendScoutAction : public Action {
+  public:
+    SendScoutAction() : Action(true) {}
+    void execute() override;
+};
+
+// --dump-selected and --dump-all: runs the agent with `args` and `input` (its standard input),
+// refreshing the session's copy of its dumping status meanwhile, then downloads its dump.xml.
+// Throws CantRetrieveDump, CantRetrieveDumpFile, FileWrite.
+class RetrieveDumpAction : public Action {
+  public:
+    RetrieveDumpAction(const std::vector<std::string>& args, const std::string& input)
+        : Action(true), args(args), input(input) {}
+    void execute() override;
+
+  private:
+    std::vector<std::string> args;
+    std::string input;
+};
+
+// --get-dumping-status: prints the agent's dumping-status file on standard output. Throws
+// DumpStatusError.
+class GetDumpingStatusAction : public Action {
+  public:
+    GetDumpingStatusAction() : Action(true) {}
+    void execute() override;
+};
+
+// --remove-dumping-status: unlinks <agent directory>/dumping-status.xml on this host. Never
+// connects, never fails.
+class RemoveDumpingStatusAction : public Action {
+  public:
+    RemoveDumpingStatusAction() : Action(true) {}
+    void execute() override;
+};
+
+// --get-content: downloads every file of the agent's content list into the dumps directory (the
+// session's by default), skipping copies already there with the right MD5 sum, and deletes each
+// downloaded file on the source host. Throws CantRetrieveContentList, NotEnoughSpace, CantStatFS,
+// WrongMd5Sum (a download of the wrong size: the remote file is then kept), FileWrite.
+class RetrieveContentAction : public Action {
+  public:
+    RetrieveContentAction() : Action(true) {}
+    void execute() override;
+};
+
+// --remove-agent: removes the agent directory on the source host; best effort, never fails.
+class RemoveAgentAction : public Action {
+  public:
+    RemoveAgentAction() : Action(false) {}
+    void execute() override;
+};
+
+}  // namespace tavik
+
+#endif  // FERRYGATE_FERRYGATE_ACTIONS_H

@@ -1,0 +1,129 @@
+#include "ferrygate/dispatch.h"
+
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "commons/debug_log.h"
+#include "commons/exceptions.h"
+#include "commons/xml_log.h"
+#include "ferrygate/actions.h"
+#include "ferrygate/dump_options.h"
+
+namespace tavik {
+
+namespace {
+
+template <void (*Tag)()>
+bool isKind(const ExTraceable& e) {
+    return dynamic_cast<const Exc<Tag>*>(&e) != nullptr;
+}
+
+// Each network and SSH failure has its own code, so that the controlling process can tell the
+// user what went wrong without parsing text.
+const struct {
+    bool (*matches)(const ExTraceable&);
+    int code;
+} kExitCodes[] = {
+    {isKind<&ConnectionRefused>, EXIT_CONNECTION_REFUSED},
+    {isKind<&ConnectionTimedOut>, EXIT_CONNECTION_TIMED_OUT},
+    {isKind<&NetworkUnreachable>, EXIT_NETWORK_UNREACHABLE},
+    {isKind<&HostUnreachable>, EXIT_HOST_UNREACHABLE},
+    {isKind<&ConnectionFault>, EXIT_CONNECTION_FAULT},
+    {isKind<&HostNotFound>, EXIT_HOST_NOT_FOUND},
+    {isKind<&SshInvalidCredentials>, EXIT_INVALID_CREDENTIALS},
+    {isKind<&SshConnectionFault>, EXIT_SSH_CONNECTION_FAULT},
+};
+
+// The first list given as "-" takes one line of standard input. Only one: the controlling
+// process sends one line, and a second "-" goes to the agent as it stands.
+void readListFromStdin(config& cfg) {
+    for (std::string* list : {&cfg.resellers, &cfg.clients, &cfg.domains}) {
+        if (*list == "-") {
+            std::string line;
+            std::getline(std::cin, line);
+            *list = line;
+            return;
+        }
+    }
+}
+
+// The agent's arguments and standard input for a dump. With the rsync transport the agent
+// learns how to reach this host from four lines ahead of the object lists.
+RetrieveDumpAction* makeDumpAction(const config& cfg) {
+    std::vector<std::string> args;
+    std::string input;
+    if (cfg.contentTransport == "rsync") {
+        input += cfg.host + "\n" + cfg.login + "\n" + cfg.password + "\n" +
+                 std::to_string(cfg.port) + "\n";
+        args.push_back("--content-transport=rsync");
+    }
+    if (cfg.action == ACTION_DUMP_ALL) {
+        args.push_back("--dump-all");
+    } else {
+        prepareDumpOptions(cfg, args, input);
+    }
+    return new RetrieveDumpAction(args, input);
+}
+
+}  // namespace
+
+int exitCodeOf(const ExTraceable& e) {
+    for (const auto& entry : kExitCodes) {
+        if (entry.matches(e)) return entry.code;
+    }
+    return EXIT_ACTION_FAILED;
+}
+
+Action* getActionByIdInternal(const config& cfg) {
+    switch (cfg.action) {
+        case ACTION_SEND_SCOUT:
+            return new SendScoutAction;
+        case ACTION_DEPLOY_AGENT:
+            return new SendAgentAction;
+        case ACTION_GET_DUMPING_STATUS:
+            return new GetDumpingStatusAction;
+        case ACTION_DUMP_SELECTED:
+        case ACTION_DUMP_ALL:
+            return makeDumpAction(cfg);
+        case ACTION_GET_CONTENT:
+            return new RetrieveContentAction;
+        case ACTION_REMOVE_AGENT:
+            return new RemoveAgentAction;
+        case ACTION_REMOVE_DUMPING_STATUS:
+            return new RemoveDumpingStatusAction;
+        default:
+            TAVIK_RAISE(UnknownAction);
+    }
+}
+
+Action* getActionById(const config& cfg) { return getActionByIdInternal(cfg); }
+
+int do_actions(config& cfg) {
+    LogLifetimeController executionLog;
+    readListFromStdin(cfg);
+    std::unique_ptr<Action> action;
+    try {
+        action.reset(getActionByIdInternal(cfg));
+        action->setConfig(&cfg);
+        action->setResult(theLog);
+        action->execute();
+        action->closeStatus();
+        theLog->setSuccess(true);
+        return EXIT_OK;
+    } catch (const ExTraceable& e) {
+        theDebugLog->log(e);
+        theLog->log(e);
+        std::cerr << e.what() << std::flush;
+        return exitCodeOf(e);
+    } catch (const MigrationTerminatedException& e) {
+        // A stop the user asked for is an orderly end, not a failure.
+        theLog->setSuccess(true);
+        theDebugLog->log(std::string(e.what()));
+        std::cout << e.what() << std::flush;
+        return EXIT_OK;
+    }
+}
+
+}  // namespace tavik

@@ -1,0 +1,224 @@
+#include "ssh/libssh2pp.h"
+
+#include <algorithm>
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/split.hpp>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <log4cpp/Category.hh>
+#include <vector>
+
+namespace tavik {
+
+void rku_libssh2_channel_free(LIBSSH2_CHANNEL* channel) { libssh2_channel_free(channel); }
+
+namespace libssh2pp {
+
+log4cpp::Category& Channel::logger = log4cpp::Category::getInstance("p.libssh2pp.Channel");
+log4cpp::Category& Session::logger = log4cpp::Category::getInstance("p.libssh2pp.Session");
+
+namespace {
+
+// The library's global state, set up once per process before the first session.
+LIBSSH2_SESSION* newSession() {
+    static const int initialised = libssh2_init(0);
+    if (initialised != 0) {
+        Session::logger.error("SSH library cannot be initialised");
+        TAVIK_RAISE(UnableToStartSshSession, "SSH library cannot be initialised");
+    }
+    return libssh2_session_init_ex(nullptr, nullptr, nullptr, nullptr);
+}
+
+// Restores the blocking mode that every user of a session but the reserve channel expects.
+class NonBlockingScope {
+  public:
+    explicit NonBlockingScope(LIBSSH2_CHANNEL* channel) : channel_(channel) {
+        libssh2_channel_set_blocking(channel_, 0);
+    }
+    ~NonBlockingScope() { libssh2_channel_set_blocking(channel_, 1); }
+    NonBlockingScope(const NonBlockingScope&) = delete;
+    NonBlockingScope& operator=(const NonBlockingScope&) = delete;
+
+  private:
+    LIBSSH2_CHANNEL* channel_;
+};
+
+bool contains(const std::vector<std::string>& words, const std::string& word) {
+    return std::find(words.begin(), words.end(), word) != words.end();
+}
+
+}  // namespace
+
+Channel::Channel(LIBSSH2_CHANNEL* channel) : channel_(channel) {}
+
+Channel::~Channel() { logger.info("Closed"); }
+
+int Channel::poll(int timeout) {
+    LIBSSH2_POLLFD entry = {};
+    entry.type = LIBSSH2_POLLFD_CHANNEL;
+    entry.fd.channel = channel_.get();
+    // Asked for standard output alone, the library's poll sleeps its whole time-out while only
+    // standard error arrives: a command busy on standard error would crawl.
+    entry.events = LIBSSH2_POLLFD_POLLIN | LIBSSH2_POLLFD_POLLEXT;
+    const unsigned long lost = LIBSSH2_POLLFD_CHANNEL_CLOSED | LIBSSH2_POLLFD_SESSION_CLOSED;
+
+    // A peer that vanished leaves the socket readable at its end, which the library's poll
+    // neither reports nor sleeps on: it spins until its time-out. Short slices, each after a
+    // check of the transport, bound that spin and find the loss within one slice.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout);
+    int result = 0;
+    bool alive = transportAlive();
+    while (alive) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                              deadline - std::chrono::steady_clock::now())
+                              .count();
+        const int slice = static_cast<int>(std::max<long long>(0, std::min<long long>(left, 500)));
+        entry.revents = 0;
+        result = libssh2_poll(&entry, 1, slice);
+        alive = (entry.revents & lost) != lost && transportAlive();
+        if (result != 0 || slice == left || slice == 0) break;
+    }
+    if (!alive) {
+        logger.error("Lost connection with the remote host");
+        TAVIK_RAISE(SshConnectionFault);
+    }
+    return result;
+}
+
+bool Channel::transportAlive() {
+    char unused;
+    NonBlockingScope nonBlocking(channel_.get());
+    // A read of nothing processes whatever has arrived and reports a broken transport.
+    const ssize_t n = libssh2_channel_read_ex(channel_.get(), 0, &unused, 0);
+    return n >= 0 || n == LIBSSH2_ERROR_EAGAIN;
+}
+
+ssize_t Channel::readQueued(int stream, char* buffer, size_t size) {
+    ssize_t n;
+    {
+        // A blocking read waits for data of its own stream; the library's readiness test for
+        // standard error also answers yes for queued standard output, so a blocking read there
+        // could wait for ever. Without blocking, "nothing now" comes back as EAGAIN.
+        NonBlockingScope nonBlocking(channel_.get());
+        n = libssh2_channel_read_ex(channel_.get(), stream, buffer, size);
+    }
+    if (n >= 0) return n;
+    if (n == LIBSSH2_ERROR_EAGAIN) return 0;
+    logger.error("Reading from the remote host failed: " + std::to_string(n));
+    TAVIK_RAISE(SshConnectionFault);
+}
+
+Session::Session(int socket, bool noEncryption, bool compatibility)
+    : session_(newSession()), compatibility_(compatibility) {
+    logger.info("Trying to start SSH session");
+    bool started = true;
+    if (noEncryption) {
+        logger.info("Disabling SSH encryption");
+        started = preferMethod(LIBSSH2_METHOD_CRYPT_CS, "none") &&
+                  preferMethod(LIBSSH2_METHOD_CRYPT_SC, "none");
+    }
+    if (started && compatibility) {
+        started = preferMethod(LIBSSH2_METHOD_KEX, "diffie-hellman-group1-sha1");
+    }
+    if (!started || libssh2_session_startup(session_.get(), socket) != 0) {
+        const std::string reason = lastError();
+        logger.error("SSH session was not started: " + reason);
+        TAVIK_RAISE(UnableToStartSshSession, reason);
+    }
+    const char* cipher = libssh2_session_methods(session_.get(), LIBSSH2_METHOD_CRYPT_SC);
+    encryption_ = cipher ? cipher : "";
+    logger.info("Selected " + encryption_ + " encryption method");
+    logger.info("SSH session started successfully");
+}
+
+// A preference the library refuses (a build without the "none" cipher, say) fails the start:
+// ignored, the session would run with what the user asked to avoid.
+bool Session::preferMethod(int method, const char* preference) {
+    return libssh2_session_method_pref(session_.get(), method, preference) == 0;
+}
+
+Session::~Session() {
+    logger.info("SSH session finished");
+    // The reserve channel left the session non-blocking, and freeing a channel waits for the
+    // peer's close: blocking, but bounded, so that a silent peer cannot stall the teardown.
+    libssh2_session_set_blocking(session_.get(), 1);
+    libssh2_session_set_timeout(session_.get(), 5000);
+    reserve_.reset();
+}
+
+std::string Session::lastError() const {
+    char* message = nullptr;
+    int length = 0;
+    libssh2_session_last_error(session_.get(), &message, &length, 0);
+    return message ? std::string(message, static_cast<size_t>(length)) : std::string();
+}
+
+void Session::authorize(const std::string& user, const std::string& password) {
+    logger.info("Requested authorization for user " + user);
+    logger.info("Getting userauth methods for user '" + user + "'");
+    const char* list =
+        libssh2_userauth_list(session_.get(), user.data(), static_cast<unsigned>(user.size()));
+    const std::string allowed = list ? list : "";
+    logger.info("Got the following allowed userauth methods: " + allowed);
+    std::vector<std::string> methods;
+    boost::split(methods, allowed, boost::is_any_of(","), boost::token_compress_on);
+
+    // A server that accepts the "none" method answers the list request with success instead.
+    bool authenticated = list == nullptr && libssh2_userauth_authenticated(session_.get());
+    if (!authenticated && contains(methods, "password")) {
+        logger.info("Trying 'password' authentication");
+        authenticated = libssh2_userauth_password_ex(
+                            session_.get(), user.data(), static_cast<unsigned>(user.size()),
+                            password.data(), static_cast<unsigned>(password.size()), nullptr) == 0;
+        if (authenticated) logger.info("Authenticated succesfully");
+    }
+    if (!authenticated && contains(methods, "keyboard-interactive")) {
+        logger.info("Trying 'keyboard-interactive' authentication");
+        void** abstract = libssh2_session_abstract(session_.get());
+        *abstract = const_cast<void*>(static_cast<const void*>(&password));
+        authenticated = libssh2_userauth_keyboard_interactive_ex(session_.get(), user.data(),
+                                                                 static_cast<unsigned>(user.size()),
+                                                                 &Session::userauth_callback) == 0;
+        *abstract = nullptr;
+        if (authenticated) logger.info("Authenticated successfully");
+    }
+    if (!authenticated) {
+        logger.error("Authentication failed");
+        TAVIK_RAISE(SshAuthorizationFailed);
+    }
+    if (compatibility_) {
+        openReserveChannel();
+    }
+}
+
+void Session::openReserveChannel() {
+    logger.info("Create a reserve channel");
+    reserve_.reset(new Channel(libssh2_channel_open_ex(
+        session_.get(), "session", sizeof("session") - 1, 65536, 16384, nullptr, 0)));
+    libssh2_channel_set_blocking(reserve_->get(), 0);
+    // Only the open channel matters; whatever the request answers, the channel stays unused.
+    libssh2_channel_process_startup(reserve_->get(), "exec", sizeof("exec") - 1, "cat",
+                                    sizeof("cat") - 1);
+}
+
+void Session::userauth_callback(const char* /*name*/, int /*name_len*/, const char* /*instruction*/,
+                                int /*instruction_len*/, int num_prompts,
+                                const LIBSSH2_USERAUTH_KBDINT_PROMPT* /*prompts*/,
+                                LIBSSH2_USERAUTH_KBDINT_RESPONSE* responses, void** abstract) {
+    logger.info("'keyboard-interactive' callback requested.");
+    logger.info("Filling " + std::to_string(num_prompts) + " responses with the password");
+    const std::string& password = *static_cast<const std::string*>(*abstract);
+    for (int i = 0; i < num_prompts; ++i) {
+        // The library releases each response with free().
+        responses[i].text = static_cast<char*>(std::malloc(password.size()));
+        responses[i].length = 0;
+        if (responses[i].text != nullptr && !password.empty()) {
+            std::memcpy(responses[i].text, password.data(), password.size());
+            responses[i].length = static_cast<unsigned>(password.size());
+        }
+    }
+}
+
+}  // namespace libssh2pp
+}  // namespace tavik

@@ -1,0 +1,202 @@
+// Long dumps and content transfers: progress while they run, resuming, space, stopping.
+#include <gtest/gtest.h>
+#include <libxml/parser.h>
+#include <sys/mount.h>
+#include <utime.h>
+
+#include <atomic>
+#include <boost/filesystem.hpp>
+#include <chrono>
+#include <fstream>
+#include <regex>
+#include <set>
+#include <thread>
+
+#include "commons/checksum.h"
+#include "commons/debug_log.h"
+#include "ferrygate/dispatch.h"
+#include "ferrygate/session.h"
+#include "support/migration_host.h"
+
+namespace tavik {
+namespace test {
+namespace {
+
+namespace fs = boost::filesystem;
+
+class Content : public MigrationTest {
+  protected:
+    Content() : MigrationTest(FERRYGATE_BINARY) {}
+
+    // Adds a file of `size` random bytes to a site, so that its archive is as large.
+    void addRandomFile(const std::string& path, size_t size) {
+        std::ifstream random("/dev/urandom", std::ios::binary);
+        std::string bytes(size, '\0');
+        random.read(&bytes[0], static_cast<std::streamsize>(size));
+        testing::writeTextFile(hosting_ + "/web/" + path, bytes);
+        chmod((hosting_ + "/web/" + path).c_str(), 0644);
+    }
+
+    void deployAndDump() {
+        ProcessResult r = ferrygate({"--deploy-agent"});
+        ASSERT_EQ(0, r.status) << r.err;
+        r = ferrygate({"--dump-all"});
+        ASSERT_EQ(0, r.status) << r.err;
+    }
+
+    // The archives that the dump lists: name, size, MD5 sum.
+    std::vector<std::tuple<std::string, uint64_t, std::string>> archives() {
+        std::vector<std::tuple<std::string, uint64_t, std::string>> files;
+        const std::string dump = readFile(sessionFile("dump.xml"));
+        const std::regex content(
+            "<content file=\"([^\"]+)\" size=\"([0-9]+)\" unpacked=\"[0-9]+\" "
+            "md5sum=\"([0-9a-f]{32})\"/>");
+        for (std::sregex_iterator it(dump.begin(), dump.end(), content), end; it != end; ++it) {
+            files.emplace_back((*it)[1], std::stoull((*it)[2]), (*it)[3]);
+        }
+        return files;
+    }
+};
+
+TEST_F(Content, ALongDumpRefreshesTheSessionsDumpingStatus) {
+    configureAgent("delay = 12\n");
+    ASSERT_EQ(0, ferrygate({"--deploy-agent"}).status);
+    std::atomic<bool> done(false);
+    ProcessResult r;
+    std::thread dump([&] {
+        r = ferrygate({"--dump-all"});
+        done = true;
+    });
+    std::set<std::string> seen;
+    while (!done) {
+        const std::string copy = readFile(sessionFile("dumping-status.xml"));
+        if (copy.find("state=\"running\"") != std::string::npos) seen.insert(copy);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    dump.join();
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_GE(seen.size(), 2u);
+}
+
+TEST_F(Content, ARerunSkipsWhatIsAlreadyHereAndFetchesTheRest) {
+    deployAndDump();
+    const auto files = archives();
+    ASSERT_EQ(4u, files.size());
+    const std::string dumps = session_ + "/elsewhere/dumps";
+    const std::string kept = std::get<0>(files[1]);
+    const std::string broken = std::get<0>(files[3]);
+    // As an interrupted run leaves them: one copy whole, one cut short.
+    fs::create_directories(dumps);
+    testing::writeTextFile(dumps + "/" + kept, readFile(remoteAgent_ + "/content/" + kept));
+    struct utimbuf old = {1000000000, 1000000000};
+    utime((dumps + "/" + kept).c_str(), &old);
+    testing::writeTextFile(dumps + "/" + broken, "cut short");
+
+    for (int run = 0; run < 2; ++run) {
+        const ProcessResult r = ferrygate({"--get-content", "--dumps-dir=" + dumps});
+        ASSERT_EQ(0, r.status) << r.err;
+        for (const auto& file : files) {
+            EXPECT_EQ(std::get<2>(file), md5OfFile(dumps + "/" + std::get<0>(file)));
+            EXPECT_FALSE(fs::exists(sessionFile(std::get<0>(file))));
+            const bool remote = fs::exists(remoteAgent_ + "/content/" + std::get<0>(file));
+            EXPECT_EQ(std::get<0>(file) == kept, remote) << std::get<0>(file);
+        }
+        EXPECT_EQ(1000000000, fs::last_write_time(dumps + "/" + kept)) << "fetched again";
+        EXPECT_EQ(dumps + "/dump.xml", readFile(sessionFile("dump-name")));
+        EXPECT_NE(std::string::npos, readFile(sessionFile("migration.status")).find("<idle/>"));
+    }
+}
+
+TEST_F(Content, SpaceIsCheckedUnlessToldNotTo) {
+    addRandomFile("shop.test/big.bin", 64 * 1024);
+    deployAndDump();
+    uint64_t total = 0;
+    for (const auto& file : archives()) total += std::get<1>(file);
+    ASSERT_GT(total, 64u * 1024u);
+
+    const std::string dumps = session_ + "/small";
+    fs::create_directories(dumps);
+    ASSERT_EQ(0, mount("fgsmall", dumps.c_str(), "tmpfs", 0, "size=16k"));
+    ProcessResult r = ferrygate({"--get-content", "--dumps-dir=" + dumps});
+    EXPECT_EQ(2, r.status);
+    EXPECT_EQ("Selected filesystem has only 16384 free space, but " + std::to_string(total) +
+                  " is needed for operation",
+              r.err);
+    EXPECT_TRUE(fs::is_empty(dumps));
+
+    r = ferrygate({"--get-content", "--no-check-space", "--dumps-dir=" + dumps});
+    EXPECT_EQ(2, r.status);
+    EXPECT_EQ(std::string::npos, r.err.find("Selected filesystem")) << r.err;
+    EXPECT_FALSE(fs::is_empty(dumps));
+    umount(dumps.c_str());
+}
+
+TEST_F(Content, AReaderOfTheStatusNeverSeesHalfADocument) {
+    addRandomFile("shop.test/big.bin", 16 * 1024 * 1024);
+    deployAndDump();
+    std::atomic<bool> done(false);
+    ProcessResult r;
+    std::thread transfer([&] {
+        r = ferrygate({"--get-content"});
+        done = true;
+    });
+    int reads = 0, broken = 0, transferring = 0;
+    while (!done) {
+        xmlDocPtr doc = xmlReadFile(sessionFile("migration.status").c_str(), nullptr,
+                                    XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+        ++reads;
+        if (doc == nullptr) {
+            ++broken;
+            continue;
+        }
+        const std::string text = readFile(sessionFile("migration.status"));
+        if (text.find("<current-file size=") != std::string::npos) ++transferring;
+        xmlFreeDoc(doc);
+    }
+    transfer.join();
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_EQ(0, broken) << "of " << reads << " reads";
+    EXPECT_GT(transferring, 0) << "of " << reads << " reads";
+}
+
+TEST_F(Content, AStopRequestedDuringATransferEndsTheRunInOrder) {
+    addRandomFile("shop.test/big.bin", 64 * 1024 * 1024);
+    deployAndDump();
+    config cfg;
+    cfg.action = ACTION_GET_CONTENT;
+    cfg.host = "127.0.0.1";
+    cfg.port = port();
+    cfg.login = user();
+    cfg.password = password();
+    cfg.agentDir = remoteAgent_;
+    cfg.agentName = "hostdump";
+    cfg.sessionPath = session_;
+    int code = -1;
+    std::string out;
+    {
+        SessionLifetimeController session(session_);
+        DebugLogLifetimeController debugLog(false, false);
+        std::thread stopper([&] {
+            // Once a download has begun (or after a minute, should it never begin).
+            const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+            while (!fs::exists(sessionFile("shop.test_site.tar.gz")) &&
+                   std::chrono::steady_clock::now() < deadline) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+            terminateProgram();
+        });
+        ::testing::internal::CaptureStdout();
+        code = do_actions(cfg);
+        out = ::testing::internal::GetCapturedStdout();
+        stopper.join();
+    }
+    EXPECT_EQ(0, code);
+    EXPECT_EQ("Migration has been terminated", out);
+    EXPECT_NE(std::string::npos, readFile(sessionFile("migration.result")).find("success"));
+    EXPECT_TRUE(fs::exists(remoteAgent_ + "/content/shop.test_site.tar.gz"))
+        << "a file whose download was stopped was deleted on the source host";
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace tavik

@@ -1,0 +1,173 @@
+// Remote commands over a real connection: statuses, the three streams, the alarm, failures.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <log4cpp/Category.hh>
+#include <log4cpp/OstreamAppender.hh>
+#include <random>
+#include <sstream>
+#include <thread>
+
+#include "commons/checksum.h"
+#include "ssh/ssh_transfer.h"
+#include "support/sshd_fixture.h"
+
+namespace tavik {
+namespace {
+
+std::string randomBytes(size_t size, unsigned seed) {
+    std::mt19937 random(seed);
+    std::string bytes(size, '\0');
+    for (auto& c : bytes) c = static_cast<char>(random());
+    return bytes;
+}
+
+std::string md5(const std::string& bytes) {
+    std::istringstream in(bytes);
+    return countMd5Sum(in);
+}
+
+class Exec : public test::SshdTest {
+  protected:
+    void SetUp() override {
+        SshdTest::SetUp();
+        ssh.reset(new Ssh(host(), user(), password(), false, port()));
+    }
+    void TearDown() override {
+        ssh.reset();
+        SshdTest::TearDown();
+    }
+    int run(const std::string& command, const std::string& input = "") {
+        std::istringstream in(input);
+        out.str("");
+        err.str("");
+        return ssh->exec(command, in, out, err, false, false, Ssh::nullCounter);
+    }
+
+    std::unique_ptr<Ssh> ssh;
+    std::ostringstream out, err;
+};
+
+TEST_F(Exec, ReturnsTheExitStatusOrTheSignalThatEndedTheCommand) {
+    EXPECT_EQ(0, run("true"));
+    EXPECT_EQ(3, run("exit 3"));
+    EXPECT_EQ(255, run("exit 255"));
+    EXPECT_EQ(127, run("no-such-command-here"));
+    EXPECT_EQ(128 + 9, run("kill -KILL $$"));
+}
+
+TEST_F(Exec, SilentCommandEndsAtItsEofWithoutWaitingOutAPoll) {
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(0, run("true"));
+        EXPECT_EQ("", out.str());
+        EXPECT_EQ("", err.str());
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
+}
+
+TEST_F(Exec, StandardInputArrivesWholeBeforeItsEof) {
+    const std::string input = randomBytes(5 * 1024 * 1024 + 3, 1);
+    EXPECT_EQ(0, run("cat > input.bin && md5sum < input.bin && wc -c < input.bin", input));
+    EXPECT_EQ(md5(input) + "  -\n" + std::to_string(input.size()) + "\n", out.str());
+}
+
+TEST_F(Exec, InterleavedStandardOutputAndErrorStayApart) {
+    // Both streams busy at once, 20 MB each: output must neither mix nor stall on either stream.
+    const std::string command =
+        "yes out-line | head -c 20000000 & yes err-line | head -c 20000000 >&2; wait";
+    std::istringstream none;
+    ASSERT_EQ(0, ssh->exec(command, none, out, err, true, true, Ssh::nullCounter));
+    std::string expectedOut, expectedErr;
+    for (int i = 0; i < 20000000 / 9; ++i) {
+        expectedOut += "out-line\n";
+        expectedErr += "err-line\n";
+    }
+    expectedOut += std::string("out-line\n", 20000000 % 9);
+    expectedErr += std::string("err-line\n", 20000000 % 9);
+    EXPECT_TRUE(out.str() == expectedOut) << "stdout differs, size " << out.str().size();
+    EXPECT_TRUE(err.str() == expectedErr) << "stderr differs, size " << err.str().size();
+}
+
+TEST_F(Exec, LargeOutputOnOneStreamWhileTheOtherIsSilent) {
+    class Total : public Ssh::Counter {
+      public:
+        long long bytes = 0;
+        void operator()(int n) override { bytes += n; }
+    } counter;
+    std::istringstream none;
+    ASSERT_EQ(0, ssh->exec("head -c 30000000 /dev/zero", none, out, err, true, true, counter));
+    EXPECT_EQ(30000000u, out.str().size());
+    EXPECT_EQ(30000000, counter.bytes);
+    ASSERT_EQ(0, ssh->exec("head -c 30000000 /dev/zero >&2", none, out, err, true, true, counter));
+    EXPECT_EQ(30000000u, err.str().size());
+    EXPECT_EQ(30000000, counter.bytes) << "standard error must not be counted";
+}
+
+TEST_F(Exec, QuietFlagsKeepStreamsOutOfTheLog) {
+    std::ostringstream lines;
+    log4cpp::Category& category = log4cpp::Category::getInstance("p.Ssh");
+    log4cpp::Appender* appender = new log4cpp::OstreamAppender("capture", &lines);
+    category.addAppender(appender);
+    category.setPriority(log4cpp::Priority::INFO);
+    auto runQuiet = [&](bool quietOutput, bool quietInput) {
+        std::istringstream in("secret-input");
+        // The command's own text must not hold the word that the streams carry.
+        ssh->exec("cat; echo rorre-terces | rev >&2", in, out, err, quietOutput, quietInput,
+                  Ssh::nullCounter);
+    };
+    runQuiet(true, true);
+    const std::string quiet = lines.str();
+    runQuiet(false, false);
+    const std::string loud = lines.str().substr(quiet.size());
+    category.removeAppender(appender);
+
+    EXPECT_EQ(std::string::npos, quiet.find("secret"));
+    EXPECT_NE(std::string::npos, quiet.find("Execution finished with return code 0"));
+    EXPECT_NE(std::string::npos, loud.find("remote stdin <- secret-input"));
+    EXPECT_NE(std::string::npos, loud.find("remote stdout -> secret-input"));
+    EXPECT_NE(std::string::npos, loud.find("remote stderr -> secret-error"));
+}
+
+// Runs a download on the same connection from inside the command loop, as the status refresh does.
+class DownloadingAlarm : public Alarm {
+  public:
+    explicit DownloadingAlarm(Ssh& ssh) : ssh_(ssh) {}
+    void doAlarm() override {
+        ssh_.setAlarm(nullptr);
+        ++calls;
+        ssh_.get(downloaded, "status.txt");
+    }
+    int calls = 0;
+    std::ostringstream downloaded;
+
+  private:
+    Ssh& ssh_;
+};
+
+TEST_F(Exec, AlarmRunsANestedDownloadBetweenWaits) {
+    const test::ProcessResult written = sshd().runAsUser("echo ready > status.txt");
+    ASSERT_EQ(0, written.status) << written.err;
+    DownloadingAlarm alarm(*ssh);
+    ssh->setAlarm(&alarm);
+    EXPECT_EQ(0, run("sleep 1; head -c 3000000 /dev/zero | tr '\\0' x; echo; echo fine >&2"));
+    EXPECT_EQ(1, alarm.calls);
+    EXPECT_EQ("ready\n", alarm.downloaded.str());
+    EXPECT_EQ(std::string(3000000, 'x') + "\n", out.str());
+    EXPECT_EQ("fine\n", err.str());
+}
+
+TEST_F(Exec, DroppedConnectionDuringALongCommandIsAConnectionFault) {
+    std::thread killer([this] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(700));
+        sshd().killSessions();
+    });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_THROW(run("sleep 600"), Exc<&SshConnectionFault>);
+    killer.join();
+    // Found at the end of the wait that was running (at most 5 s), not when the command ends.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+}
+
+}  // namespace
+}  // namespace tavik

@@ -1,0 +1,183 @@
+// Connecting and logging in against a real OpenSSH server of several configurations.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <log4cpp/Category.hh>
+#include <log4cpp/OstreamAppender.hh>
+#include <memory>
+#include <regex>
+#include <sstream>
+
+#include "commons/socket.h"
+#include "ssh/libssh2pp.h"
+#include "ssh/ssh_transfer.h"
+#include "support/sshd_fixture.h"
+
+namespace tavik {
+namespace {
+
+using test::SshdOptions;
+using test::SshdTest;
+
+// Collects every line logged on `category` while it lives.
+class LogCapture {
+  public:
+    explicit LogCapture(const std::string& category)
+        : category_(log4cpp::Category::getInstance(category)),
+          appender_(new log4cpp::OstreamAppender("capture", &lines_)) {
+        category_.addAppender(appender_);
+        category_.setPriority(log4cpp::Priority::DEBUG);
+    }
+    ~LogCapture() { category_.removeAppender(appender_); }
+    std::string text() const { return lines_.str(); }
+
+  private:
+    std::ostringstream lines_;
+    log4cpp::Category& category_;
+    log4cpp::Appender* appender_;
+};
+
+int countMatches(const std::string& text, const std::string& pattern) {
+    const std::regex re(pattern);
+    return static_cast<int>(
+        std::distance(std::sregex_iterator(text.begin(), text.end(), re), std::sregex_iterator()));
+}
+
+class PasswordServer : public SshdTest {};
+
+TEST_F(PasswordServer, LogsInEncryptedWithoutReserveChannelAndNeverLogsThePassword) {
+    LogCapture sessionLog("p.libssh2pp.Session");
+    Ssh ssh(host(), user(), password(), false, port());
+    EXPECT_EQ(0u, ssh.session().encryption().find("aes")) << ssh.session().encryption();
+    EXPECT_EQ(nullptr, ssh.session().reserveChannel());
+    std::ostringstream out, err;
+    EXPECT_EQ(0, ssh.exec("id -un", out, err, false, Ssh::nullCounter));
+    EXPECT_EQ(user() + "\n", out.str());
+    const std::string log = sessionLog.text();
+    EXPECT_NE(std::string::npos, log.find("Authenticated succesfully"));
+    EXPECT_EQ(std::string::npos, log.find(password()));
+}
+
+TEST_F(PasswordServer, WrongPasswordIsInvalidCredentialsAfterBothMethodsWereTried) {
+    try {
+        Ssh ssh(host(), user(), password() + "x", false, port());
+        FAIL() << "logged in with a wrong password";
+    } catch (const Exc<&SshInvalidCredentials>& e) {
+        EXPECT_EQ(
+            "Unable to connect to host 127.0.0.1: you have specified incorrect username or "
+            "password",
+            e.message());
+        EXPECT_EQ(
+            "tavik::Ssh::Ssh(const std::string&, const std::string&, const std::string&, "
+            "bool, short unsigned int)",
+            e.context());
+    }
+    const std::string log = sshd().log();
+    EXPECT_EQ(1, countMatches(log, "Failed password for " + user()));
+    EXPECT_EQ(1, countMatches(log, "Failed keyboard-interactive/pam for " + user()));
+}
+
+TEST_F(PasswordServer, NoEncryptionIsRefusedAndRetriedOnceInCompatibilityMode) {
+    LogCapture socketLog("p.libssh2pp.Socket");
+    try {
+        Ssh ssh(host(), user(), password(), true, port());
+        FAIL() << "started a session with the none cipher, which this library cannot offer";
+    } catch (const Exc<&UnableToStartSshSession>& e) {
+        EXPECT_EQ(
+            "Unable to start SSH session: The requested method(s) are not currently "
+            "supported",
+            e.message());
+        EXPECT_EQ("tavik::libssh2pp::Session::Session(int, bool, bool)", e.context());
+    }
+    EXPECT_EQ(2, countMatches(socketLog.text(), "Connected\n"));
+    EXPECT_EQ(2, countMatches(socketLog.text(), "Connection closed\n"));
+}
+
+TEST_F(PasswordServer, CompatibilityModeNeedsTheLegacyKeyExchange) {
+    Socket socket(::socket(AF_INET, SOCK_STREAM, 0));
+    socket.connect(host(), static_cast<short>(port()));
+    try {
+        libssh2pp::Session session(socket.descriptor(), false, true);
+        FAIL() << "the server offers no diffie-hellman-group1-sha1";
+    } catch (const Exc<&UnableToStartSshSession>& e) {
+        EXPECT_NE(std::string::npos, e.message().find("Unable to exchange encryption keys"))
+            << e.message();
+    }
+}
+
+class HighPortServer : public SshdTest {
+    SshdOptions sshdOptions() const override {
+        SshdOptions options;
+        options.ports = "40000-60999";
+        return options;
+    }
+};
+
+TEST_F(HighPortServer, PortAboveTheSignedLimitIsLoggedNegativeAndStillConnects) {
+    LogCapture socketLog("p.libssh2pp.Socket");
+    Ssh ssh(host(), user(), password(), false, port());
+    EXPECT_NE(std::string::npos,
+              socketLog.text().find("Connecting to 127.0.0.1:-" + std::to_string(65536 - port())));
+}
+
+class KeyboardInteractiveServer : public SshdTest {
+    SshdOptions sshdOptions() const override {
+        SshdOptions options;
+        options.auth = "keyboard-interactive";
+        return options;
+    }
+};
+
+TEST_F(KeyboardInteractiveServer, AnswersThePromptsWithThePassword) {
+    LogCapture sessionLog("p.libssh2pp.Session");
+    Ssh ssh(host(), user(), password(), false, port());
+    const std::string log = sessionLog.text();
+    EXPECT_EQ(std::string::npos, log.find("Trying 'password' authentication"));
+    EXPECT_NE(std::string::npos, log.find("Filling 1 responses with the password"));
+    EXPECT_NE(std::string::npos, log.find("Authenticated successfully"));
+    EXPECT_EQ(std::string::npos, log.find(password()));
+}
+
+class PublicKeyServer : public SshdTest {
+    SshdOptions sshdOptions() const override {
+        SshdOptions options;
+        options.auth = "publickey";
+        return options;
+    }
+};
+
+TEST_F(PublicKeyServer, IsRefusedWithoutAnyAttempt) {
+    EXPECT_THROW(Ssh(host(), user(), password(), false, port()), Exc<&SshInvalidCredentials>);
+    EXPECT_EQ(0, countMatches(sshd().log(), "Failed (password|keyboard-interactive)"));
+}
+
+class LegacyKexServer : public SshdTest {
+    SshdOptions sshdOptions() const override {
+        SshdOptions options;
+        options.compat = true;
+        return options;
+    }
+};
+
+TEST_F(LegacyKexServer, CompatibilitySessionKeepsItsReserveChannelOpen) {
+    Socket socket(::socket(AF_INET, SOCK_STREAM, 0));
+    socket.connect(host(), static_cast<short>(port()));
+    {
+        libssh2pp::Session session(socket.descriptor(), false, true);
+        session.authorize(user(), password());
+        ASSERT_NE(nullptr, session.reserveChannel());
+        // The reserve channel runs an idle cat as the user for as long as the session lives.
+        test::ProcessResult ps;
+        for (int i = 0; i < 50; ++i) {
+            ps = test::runProcess({"/usr/bin/ps", "-o", "comm=", "-u", user()});
+            if (ps.out.find("cat") != std::string::npos) break;
+            usleep(100000);
+        }
+        EXPECT_NE(std::string::npos, ps.out.find("cat")) << ps.out;
+        EXPECT_STREQ("diffie-hellman-group1-sha1",
+                     libssh2_session_methods(session.get(), LIBSSH2_METHOD_KEX));
+    }
+}
+
+}  // namespace
+}  // namespace tavik

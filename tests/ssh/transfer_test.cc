@@ -1,0 +1,164 @@
+// Downloads and uploads against a real server: byte-identical in every size, the missing-file
+// and unopenable-file cases, the mode of downloads, and a requested stop.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <boost/filesystem.hpp>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include "commons/checksum.h"
+#include "ssh/ssh_transfer.h"
+#include "support/sshd_fixture.h"
+
+namespace tavik {
+namespace {
+
+namespace fs = boost::filesystem;
+
+class Transfer : public test::SshdTest {
+  protected:
+    void SetUp() override {
+        SshdTest::SetUp();
+        ssh.reset(new Ssh(host(), user(), password(), false, port()));
+        local = fs::temp_directory_path() / fs::unique_path("ferrygate-transfer-%%%%%%%%");
+        fs::create_directories(local);
+    }
+    void TearDown() override {
+        ssh.reset();
+        fs::remove_all(local);
+        isProgramTerminated = false;
+        SshdTest::TearDown();
+    }
+
+    std::string localFile(const std::string& name, size_t size, unsigned seed) {
+        const std::string path = (local / name).string();
+        std::ofstream out(path, std::ios::binary);
+        std::mt19937 random(seed);
+        std::vector<char> chunk(1 << 20);
+        for (size_t left = size; left > 0;) {
+            const size_t n = std::min(left, chunk.size());
+            for (size_t i = 0; i < n; ++i) chunk[i] = static_cast<char>(random());
+            out.write(chunk.data(), static_cast<std::streamsize>(n));
+            left -= n;
+        }
+        return path;
+    }
+    static std::string md5Of(const std::string& path) {
+        std::ifstream in(path, std::ios::binary);
+        return countMd5Sum(in);
+    }
+    std::string remoteMd5(const std::string& path) {
+        const test::ProcessResult r = sshd().runAsUser("md5sum < '" + path + "'");
+        return r.out.substr(0, 32);
+    }
+
+    std::unique_ptr<Ssh> ssh;
+    fs::path local;
+};
+
+TEST_F(Transfer, RoundTripIsByteIdenticalInEverySize) {
+    const size_t sizes[] = {0, 1, 65535, 65536, 65537, 2 * 1024 * 1024 + 5, 64 * 1024 * 1024};
+    unsigned seed = 7;
+    for (size_t size : sizes) {
+        SCOPED_TRACE("size " + std::to_string(size));
+        const std::string sent = localFile("sent", size, ++seed);
+        ssh->put(sent, "copy");
+        EXPECT_EQ(md5Of(sent), remoteMd5("copy"));
+        const std::string back = (local / "back").string();
+        ssh->get(back, "copy");
+        EXPECT_EQ(size, fs::file_size(back));
+        EXPECT_EQ(md5Of(sent), md5Of(back));
+    }
+}
+
+TEST_F(Transfer, RemotePathWithShellCharactersIsOneWord) {
+    const std::string name = "it's a $HOME; `dir` & *.txt";
+    ssh->put(localFile("x", 1000, 3), name);
+    std::ostringstream back;
+    ssh->get(back, name);
+    std::ifstream original((local / "x").string(), std::ios::binary);
+    std::ostringstream expected;
+    expected << original.rdbuf();
+    EXPECT_TRUE(back.str() == expected.str());
+}
+
+TEST_F(Transfer, DownloadIsMode0640WhateverTheUmaskAndTheUmaskComesBack) {
+    ASSERT_EQ(0, sshd().runAsUser("echo data > file").status);
+    const mode_t previous = umask(0);
+    const std::string path = (local / "got").string();
+    ssh->get(path, "file");
+    EXPECT_EQ(0u, umask(previous)) << "the download must restore the process umask";
+    struct stat st;
+    ASSERT_EQ(0, stat(path.c_str(), &st));
+    EXPECT_EQ(0640u, st.st_mode & 07777);
+}
+
+TEST_F(Transfer, MissingOrUnopenableFilesAreNoErrorsHereButAFailedLocalWriteIs) {
+    // A missing remote file downloads as empty; callers check sizes and sums.
+    const std::string path = localFile("stale", 100, 1);
+    ssh->get(path, "no-such-file");
+    EXPECT_EQ(0u, fs::file_size(path));
+
+    // A local file that cannot be opened uploads as empty.
+    ASSERT_EQ(0, sshd().runAsUser("echo old > target").status);
+    ssh->put((local / "missing" / "file").string(), "target");
+    EXPECT_EQ("0\n", sshd().runAsUser("wc -c < target").out);
+
+    // A local file that cannot be written fails at the first chunk.
+    ASSERT_EQ(0, sshd().runAsUser("echo data > file").status);
+    EXPECT_THROW(ssh->get((local / "missing" / "file").string(), "file"), Exc<&StreamWrite>);
+}
+
+// Asks for a stop once the first chunk has been counted.
+class StopAfterFirstChunk : public Ssh::Counter {
+  public:
+    void operator()(int bytes) override {
+        total += bytes;
+        terminateProgram();
+    }
+    long long total = 0;
+};
+
+TEST_F(Transfer, RequestedStopEndsADownloadAtItsNextChunkAndTheConnectionGoesOn) {
+    ASSERT_EQ(0, sshd().runAsUser("head -c 50000000 /dev/zero > big").status);
+    StopAfterFirstChunk counter;
+    std::ostringstream out;
+    EXPECT_THROW(ssh->get(out, "big", counter), MigrationTerminatedException);
+    EXPECT_GT(counter.total, 0);
+    EXPECT_LE(counter.total, 65536);
+    EXPECT_EQ(0u, out.str().size());
+
+    isProgramTerminated = false;
+    std::ostringstream again;
+    ssh->get(again, "big");
+    EXPECT_EQ(50000000u, again.str().size());
+}
+
+// Input that asks for a stop after its first 64 KiB have been read.
+class StoppingInput : public std::streambuf {
+  public:
+    StoppingInput() : chunk_(65536, 'u') {
+        setg(chunk_.data(), chunk_.data(), chunk_.data() + chunk_.size());
+    }
+
+  protected:
+    int_type underflow() override {
+        terminateProgram();
+        setg(chunk_.data(), chunk_.data(), chunk_.data() + chunk_.size());
+        return traits_type::to_int_type(chunk_[0]);
+    }
+
+  private:
+    std::vector<char> chunk_;
+};
+
+TEST_F(Transfer, RequestedStopEndsAnUpload) {
+    StoppingInput endless;
+    std::istream in(&endless);
+    EXPECT_THROW(ssh->put(in, "upload"), MigrationTerminatedException);
+}
+
+}  // namespace
+}  // namespace tavik

@@ -1,0 +1,122 @@
+#include "support/migration_host.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "commons/checksum.h"
+
+namespace tavik {
+namespace test {
+
+namespace {
+
+void mustRun(const std::vector<std::string>& argv, const std::string& input = "") {
+    const ProcessResult r = runProcess(argv, input);
+    if (r.status != 0) throw std::runtime_error(argv[0] + " failed: " + r.err);
+}
+
+std::string ownerOf(const std::string& account) {
+    mustRun({"/usr/sbin/useradd", "-M", "-r", account});
+    return account;
+}
+
+}  // namespace
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::string md5OfFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return countMd5Sum(in);
+}
+
+SshdOptions MigrationTest::sshdOptions() const {
+    SshdOptions options;
+    options.ports = "20000-32767";
+    return options;
+}
+
+void MigrationTest::SetUp() {
+    SshdTest::SetUp();
+    const std::string root = scratch_.path();
+    // The login reads the hosting tree when the agent runs without sudo.
+    chmod(root.c_str(), 0755);
+    mustRun({"/usr/sbin/useradd", "-M", "-r", "hmxadm"});
+
+    product_ = root + "/product";
+    agentsDir_ = product_ + "/RKU/agents";
+    testing::writeTextFile("/etc/hmx/hmx.conf", "PRODUCT_ROOT_D " + product_ + "\n");
+    const std::string data = scriptsDir() + "/../data";
+    mustRun({"/bin/mkdir", "-p", product_ + "/RKU"});
+    mustRun({"/bin/cp", "-r", data + "/scout.pl", data + "/log4cpp.properties", data + "/agents",
+             product_ + "/RKU/"});
+
+    hosting_ = root + "/hosting";
+    const std::string web = hosting_ + "/web", mail = hosting_ + "/mail";
+    testing::writeTextFile(web + "/example.com/httpdocs/index.html", "<h1>example</h1>\n");
+    std::string logo;
+    for (int i = 0; i < 40000; ++i) logo += static_cast<char>((i * 7919) % 251);
+    testing::writeTextFile(web + "/example.com/httpdocs/img/logo.png", logo);
+    testing::writeTextFile(web + "/shop.test/index.php", "<?php echo 'shop';\n");
+    testing::writeTextFile(mail + "/example.com/info/cur/1", "Subject: hello\n\nhi\n");
+    testing::writeTextFile(mail + "/example.com/bob/new/2", "Subject: news\n\nnews\n");
+    testing::writeTextFile(mail + "/lists.org/news/cur/1", "Subject: list\n\nlist\n");
+    mustRun({"/bin/chown", "-R", ownerOf("alice"), web + "/example.com", mail + "/example.com"});
+    mustRun({"/bin/chown", "-R", ownerOf("carol"), web + "/shop.test"});
+    mustRun({"/bin/chmod", "-R", "a+rX", hosting_, product_});
+    configureAgent();
+
+    sudoPassword_ = randomPassword();
+    mustRun({"/usr/sbin/chpasswd"}, "root:" + sudoPassword_ + "\n");
+    testing::writeTextFile("/etc/sudoers.d/ferrygate-test",
+                           "Defaults:" + user() + " targetpw, !lecture\n" + user() +
+                               " ALL=(ALL) ALL\n");
+    chmod("/etc/sudoers.d/ferrygate-test", 0440);
+
+    session_ = root + "/session";
+    remoteAgent_ = sshd().home() + "/ferry-agent";
+}
+
+void MigrationTest::configureAgent(const std::string& extraLines) {
+    testing::writeTextFile(agentsDir_ + "/hostdump/hostdump.conf",
+                           "web_root = " + hosting_ + "/web\nmail_root = " + hosting_ +
+                               "/mail\n" + extraLines);
+}
+
+ProcessResult MigrationTest::ferrygate(const std::vector<std::string>& args, bool sudo,
+                                       const std::string& input) {
+    std::vector<std::string> all = {"--host=127.0.0.1", "--port=" + std::to_string(port()),
+                                    "--login=" + user(), "--session-path=" + session_};
+    bool scout = false;
+    for (const std::string& arg : args) scout = scout || arg == "--send-scout";
+    if (!scout) {
+        all.push_back("--agent-dir=" + remoteAgent_);
+        all.push_back("--agent-name=hostdump");
+    }
+    if (sudo) all.push_back("--sudo-password");
+    all.insert(all.end(), args.begin(), args.end());
+    std::vector<std::string> argv = {binary_};
+    argv.insert(argv.end(), all.begin(), all.end());
+    std::vector<std::string> env = {"HMX_PASSWORD=" + password()};
+    if (sudo) env.push_back("HMX_SUDO_PASSWORD=" + sudoPassword_);
+    return runProcess(argv, input, env);
+}
+
+ProcessResult MigrationTest::ferrygateRaw(const std::vector<std::string>& args,
+                                          const std::vector<std::string>& env,
+                                          const std::string& input) {
+    std::vector<std::string> argv = {binary_};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return runProcess(argv, input, env);
+}
+
+}  // namespace test
+}  // namespace tavik

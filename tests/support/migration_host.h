@@ -1,0 +1,60 @@
+// A complete migration set-up for end-to-end tests, inside scripts/sandbox.sh: a source host
+// (a real sshd on 127.0.0.1 with a login, sudo that asks for root's password, and a small
+// hosting tree of sites and mailboxes), the product data of this checkout installed under a
+// product root that /etc/hmx/hmx.conf names, and a session directory for the real binary.
+#ifndef FERRYGATE_TESTS_SUPPORT_MIGRATION_HOST_H
+#define FERRYGATE_TESTS_SUPPORT_MIGRATION_HOST_H
+
+#include <string>
+#include <vector>
+
+#include "support/process.h"
+#include "support/sandbox_env.h"
+#include "support/sshd_fixture.h"
+
+namespace tavik {
+namespace test {
+
+// Tests derive a fixture that passes FERRYGATE_BINARY.
+class MigrationTest : public SshdTest {
+  protected:
+    explicit MigrationTest(const std::string& binary) : binary_(binary) {}
+
+    // Ports above 32767 are refused by the command line.
+    SshdOptions sshdOptions() const override;
+    void SetUp() override;
+
+    // Runs ferrygate with the connection options, the session path, `args` and, for every
+    // action but the scout, the agent directory and name; HMX_PASSWORD always, and with `sudo`
+    // --sudo-password and HMX_SUDO_PASSWORD.
+    ProcessResult ferrygate(const std::vector<std::string>& args, bool sudo = false,
+                            const std::string& input = "");
+    // The binary with exactly `args` and the environment entries `env` ("NAME=value").
+    ProcessResult ferrygateRaw(const std::vector<std::string>& args,
+                               const std::vector<std::string>& env, const std::string& input = "");
+    // Writes hostdump.conf beside the product's agent (deployed along with it).
+    void configureAgent(const std::string& extraLines = "");
+
+    std::string sessionFile(const std::string& name) const { return session_ + "/" + name; }
+
+    std::string product_;       // product root; data below product_/RKU
+    std::string agentsDir_;     // product_/RKU/agents
+    std::string hosting_;       // hosting_/web and hosting_/mail: the source host's objects
+    std::string session_;       // the session directory
+    std::string remoteAgent_;   // the agent directory on the source host (absolute)
+    std::string sudoPassword_;  // root's password, which sudo asks for
+
+  private:
+    std::string binary_;
+    testing::ScratchDir scratch_;
+};
+
+// The whole file, or "" when it cannot be read.
+std::string readFile(const std::string& path);
+// MD5 of a file as 32 lower-case hexadecimal digits.
+std::string md5OfFile(const std::string& path);
+
+}  // namespace test
+}  // namespace tavik
+
+#endif  // FERRYGATE_TESTS_SUPPORT_MIGRATION_HOST_H
