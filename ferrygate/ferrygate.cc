@@ -7,16 +7,12 @@
 #include "commons/debug_log.h"
 #include "commons/exceptions.h"
 #include "commons/start_stop_logger.h"
+#include "ferrygate/dispatch.h"
 #include "ferrygate/options.h"
 #include "ferrygate/session.h"
 #include "utils/read_configuration.h"
 
 namespace tavik {
-
-namespace {
-// Until the actions are built in, a verified command line ends here, and says so.
-const int kActionNotAvailable = 2;
-}  // namespace
 
 void xmlErrorFunc(const ExTraceable& e) { theDebugLog->log(e); }
 
@@ -51,9 +47,9 @@ int real_main(int argc, char** argv) {
         startStop.setExitCode(1);
         return 1;
     }
-    std::cerr << "ferrygate: the requested action is not available in this build\n";
-    startStop.setExitCode(kActionNotAvailable);
-    return kActionNotAvailable;
+    const int code = do_actions(cfg);
+    startStop.setExitCode(code);
+    return code;
 }
 
 }  // namespace tavik

@@ -26,7 +26,8 @@ mkdir -p "$logs"
 # 97 is no exit code of ferrygate, so a test that expects a failure of the binary cannot pass
 # over a valgrind report; the logs are checked afterwards all the same.
 valgrind=(valgrind --leak-check=full --errors-for-leak-kinds=definite,possible
-          --error-exitcode=97 --track-origins=yes --num-callers=30)
+          --error-exitcode=97 --track-origins=yes --num-callers=30
+          --suppressions="$here/scripts/valgrind.supp")
 export FERRYGATE_WRAPPER="${valgrind[*]} --log-file=$logs/ferrygate.%p.log"
 
 run_case() {
@@ -84,5 +85,11 @@ if [ -n "$reports" ]; then
     done
     failed=1
 fi
-echo "valgrind-e2e: ${#cases[@]} cases, $(find "$logs" -name 'ferrygate.*.log' | wc -l) runs of ferrygate"
+runs=$(find "$logs" -name 'ferrygate.*.log' | wc -l)
+echo "valgrind-e2e: ${#cases[@]} cases, $runs runs of ferrygate under valgrind"
+if [ "$runs" -eq 0 ]; then
+    # The tests start ferrygate through tests/support/run_program; none did under the wrapper.
+    echo "valgrind-e2e: no ferrygate ran under valgrind" >&2
+    failed=1
+fi
 exit $failed

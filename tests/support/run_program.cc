@@ -20,18 +20,19 @@ std::string readAll(const std::string& path) {
     return text.str();
 }
 
-std::string wrapperFor(const std::string& program) {
-    const char* wrapper = getenv("FERRYGATE_WRAPPER");
-    if (wrapper == nullptr || *wrapper == '\0') return "";
-    if (boost::filesystem::path(program).filename() != "ferrygate") return "";
-    return std::string(wrapper) + " ";
-}
 }  // namespace
+
+std::string programCommand(const std::string& program) {
+    const char* wrapper = getenv("FERRYGATE_WRAPPER");
+    const bool wrapped = wrapper != nullptr && *wrapper != '\0' &&
+                         boost::filesystem::path(program).filename() == "ferrygate";
+    return (wrapped ? std::string(wrapper) + " '" : std::string("'")) + program + "'";
+}
 
 ProgramResult runProgram(const std::string& program, const std::vector<std::string>& args,
                          const std::string& cwd) {
     ScratchDir capture;
-    std::string command = "cd '" + cwd + "' && exec " + wrapperFor(program) + "'" + program + "'";
+    std::string command = "cd '" + cwd + "' && exec " + programCommand(program);
     for (const std::string& word : args) command += " '" + word + "'";
     command += " </dev/null >" + capture.path() + "/out 2>" + capture.path() + "/err";
     const int status = system(command.c_str());

@@ -14,10 +14,14 @@ struct ProgramResult {
     std::string err;
 };
 
-// Runs `program` with `args` (no single quotes in them) in `cwd`, with this process's
-// environment and an empty standard input. When `program` is a ferrygate binary and the
-// environment holds FERRYGATE_WRAPPER (shell words, e.g. "valgrind --error-exitcode=97"), the
-// binary runs under that command instead (scripts/valgrind-e2e.sh).
+// The start of a shell command line that runs `program` (no single quotes in it): the quoted
+// path, preceded by the words of FERRYGATE_WRAPPER (e.g. "valgrind --error-exitcode=97", set by
+// scripts/valgrind-e2e.sh) when `program` is a ferrygate binary. Tests that start ferrygate
+// through a shell of their own use it, so that the binary runs under the wrapper too.
+std::string programCommand(const std::string& program);
+
+// Runs programCommand(program) with `args` (no single quotes in them) in `cwd`, with this
+// process's environment and an empty standard input.
 ProgramResult runProgram(const std::string& program, const std::vector<std::string>& args,
                          const std::string& cwd);
 
