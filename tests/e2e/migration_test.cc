@@ -25,8 +25,9 @@ class Migration : public MigrationTest {
     std::vector<std::pair<std::string, std::string>> contentOfDump() {
         std::vector<std::pair<std::string, std::string>> files;
         const std::string dump = readFile(sessionFile("dump.xml"));
-        const std::regex content("<content file=\"([^\"]+)\" size=\"[0-9]+\" unpacked=\"[0-9]+\" "
-                                 "md5sum=\"([0-9a-f]{32})\"/>");
+        const std::regex content(
+            "<content file=\"([^\"]+)\" size=\"[0-9]+\" unpacked=\"[0-9]+\" "
+            "md5sum=\"([0-9a-f]{32})\"/>");
         for (std::sregex_iterator it(dump.begin(), dump.end(), content), end; it != end; ++it) {
             files.emplace_back((*it)[1], (*it)[2]);
         }
@@ -73,9 +74,9 @@ class Migration : public MigrationTest {
         EXPECT_EQ(readFile(remoteAgent_ + "/dump.xml"), readFile(sessionFile("dump.xml")));
         expectOwnedByLogin(remoteAgent_ + "/dump.xml");
         EXPECT_EQ(session_ + "/dump.xml", readFile(sessionFile("dump-name")));
-        const ProcessResult valid = runProcess(
-            {"/usr/bin/xmllint", "--noout", "--dtdvalid",
-             agentsDir_ + "/hostdump/control/hostdump.dtd", sessionFile("dump.xml")});
+        const ProcessResult valid =
+            runProcess({"/usr/bin/xmllint", "--noout", "--dtdvalid",
+                        agentsDir_ + "/hostdump/control/hostdump.dtd", sessionFile("dump.xml")});
         EXPECT_EQ(0, valid.status) << valid.out << valid.err;
         expectIdleAndSucceeded();
 
@@ -108,8 +109,8 @@ TEST_F(Migration, EveryActionAsTheLogin) { migrate(false); }
 
 TEST_F(Migration, EveryActionThroughSudoWithoutLeakingEitherPassword) {
     migrate(true);
-    const std::string log = readFile(sessionFile("migration.log")) +
-                            readFile(sessionFile("migration.log.debug"));
+    const std::string log =
+        readFile(sessionFile("migration.log")) + readFile(sessionFile("migration.log.debug"));
     EXPECT_NE(std::string::npos, log.find("sudo -S")) << "the log shows no sudo command";
     EXPECT_EQ(std::string::npos, log.find(password()));
     EXPECT_EQ(std::string::npos, log.find(sudoPassword_));
@@ -124,29 +125,34 @@ TEST_F(Migration, EveryActionThroughSudoWithoutLeakingEitherPassword) {
 TEST_F(Migration, TheAgentGetsTheSelectionAsArgumentsAndInputLines) {
     ASSERT_EQ(0, ferrygate({"--deploy-agent"}).status);
     // Only the first list given as "-" is read from standard input, and only one line of it.
-    ProcessResult r = ferrygate({"--dump-selected", "--domains=-", "--clients=-",
-                                 "--resellers=r1", "--only-mail", "--no-compress", "--no-content",
-                                 "--content-transport=rsync", "--verbose"},
-                                true, "alice,carol\nexample.com\n");
+    ProcessResult r =
+        ferrygate({"--dump-selected", "--domains=-", "--clients=-", "--resellers=r1", "--only-mail",
+                   "--no-compress", "--no-content", "--content-transport=rsync", "--verbose"},
+                  true, "alice,carol\nexample.com\n");
     ASSERT_EQ(0, r.status) << r.err;
-    EXPECT_EQ("uid=0\n"
-              "arg=--content-transport=rsync\n"
-              "arg=--dump-domains=-\n"
-              "arg=--dump-clients=-\n"
-              "arg=--dump-resellers=-\n"
-              "arg=--only-mail\n"
-              "arg=--no-compress\n"
-              "arg=--include-app-distrib\n"
-              "arg=--no-content\n"
-              "in=127.0.0.1\n"
-              "in=" + user() + "\n"
-              "in=(password withheld)\n"
-              "in=" + std::to_string(port()) + "\n"
-              "in=-\n"
-              "in=alice,carol\n"
-              "in=r1\n"
-              "in-final-newline=no\n",
-              readFile(remoteAgent_ + "/last-invocation"));
+    EXPECT_EQ(
+        "uid=0\n"
+        "arg=--content-transport=rsync\n"
+        "arg=--dump-domains=-\n"
+        "arg=--dump-clients=-\n"
+        "arg=--dump-resellers=-\n"
+        "arg=--only-mail\n"
+        "arg=--no-compress\n"
+        "arg=--include-app-distrib\n"
+        "arg=--no-content\n"
+        "in=127.0.0.1\n"
+        "in=" +
+            user() +
+            "\n"
+            "in=(password withheld)\n"
+            "in=" +
+            std::to_string(port()) +
+            "\n"
+            "in=-\n"
+            "in=alice,carol\n"
+            "in=r1\n"
+            "in-final-newline=no\n",
+        readFile(remoteAgent_ + "/last-invocation"));
     const std::string dump = readFile(sessionFile("dump.xml"));
     EXPECT_NE(std::string::npos, dump.find("<not-found type=\"domain\" name=\"-\"/>"));
     EXPECT_NE(std::string::npos, dump.find("<not-found type=\"reseller\" name=\"r1\"/>"));
@@ -154,8 +160,8 @@ TEST_F(Migration, TheAgentGetsTheSelectionAsArgumentsAndInputLines) {
     EXPECT_NE(std::string::npos, dump.find("<domain name=\"shop.test\">"));
     EXPECT_EQ(std::string::npos, dump.find("<site ")) << "--only-mail dumped a site";
     EXPECT_EQ(std::string::npos, dump.find("<content ")) << "--no-content packed content";
-    const std::string log = readFile(sessionFile("migration.log")) +
-                            readFile(sessionFile("migration.log.debug"));
+    const std::string log =
+        readFile(sessionFile("migration.log")) + readFile(sessionFile("migration.log.debug"));
     EXPECT_EQ(std::string::npos, log.find(password()));
     EXPECT_EQ(std::string::npos, log.find(sudoPassword_));
 }
@@ -176,9 +182,9 @@ TEST_F(Migration, FailuresEndWithTheirOwnCodeAndMessage) {
 
     r = ferrygate({"--send-scout"}, true);
     EXPECT_EQ(0, r.status) << r.err;
-    std::vector<std::string> wrongSudo = {"--host=127.0.0.1", "--port=" + std::to_string(port()),
-                                          "--login=" + user(), base, "--send-scout",
-                                          "--sudo-password"};
+    std::vector<std::string> wrongSudo = {"--host=127.0.0.1",  "--port=" + std::to_string(port()),
+                                          "--login=" + user(), base,
+                                          "--send-scout",      "--sudo-password"};
     r = ferrygateRaw(wrongSudo, {"HMX_PASSWORD=" + password(), "HMX_SUDO_PASSWORD=wrong"});
     EXPECT_EQ(2, r.status);
     EXPECT_EQ("sudo is not allowed for user " + user() + " on host 127.0.0.1.", r.err);
@@ -187,9 +193,10 @@ TEST_F(Migration, FailuresEndWithTheirOwnCodeAndMessage) {
     args.insert(args.end(), login.begin(), login.end());
     r = ferrygateRaw(args, {"HMX_PASSWORD=" + password() + "x"});
     EXPECT_EQ(17, r.status);
-    EXPECT_EQ("Unable to connect to host 127.0.0.1: you have specified incorrect username or "
-              "password",
-              r.err);
+    EXPECT_EQ(
+        "Unable to connect to host 127.0.0.1: you have specified incorrect username or "
+        "password",
+        r.err);
 
     args[0] = "--host=nowhere.invalid";
     r = ferrygateRaw(args, {"HMX_PASSWORD=" + password()});

@@ -76,9 +76,9 @@ void MigrationTest::SetUp() {
 
     sudoPassword_ = randomPassword();
     mustRun({"/usr/sbin/chpasswd"}, "root:" + sudoPassword_ + "\n");
-    testing::writeTextFile("/etc/sudoers.d/ferrygate-test",
-                           "Defaults:" + user() + " targetpw, !lecture\n" + user() +
-                               " ALL=(ALL) ALL\n");
+    testing::writeTextFile(
+        "/etc/sudoers.d/ferrygate-test",
+        "Defaults:" + user() + " targetpw, !lecture\n" + user() + " ALL=(ALL) ALL\n");
     chmod("/etc/sudoers.d/ferrygate-test", 0440);
 
     session_ = root + "/session";
@@ -86,9 +86,9 @@ void MigrationTest::SetUp() {
 }
 
 void MigrationTest::configureAgent(const std::string& extraLines) {
-    testing::writeTextFile(agentsDir_ + "/hostdump/hostdump.conf",
-                           "web_root = " + hosting_ + "/web\nmail_root = " + hosting_ +
-                               "/mail\n" + extraLines);
+    testing::writeTextFile(
+        agentsDir_ + "/hostdump/hostdump.conf",
+        "web_root = " + hosting_ + "/web\nmail_root = " + hosting_ + "/mail\n" + extraLines);
 }
 
 ProcessResult MigrationTest::ferrygate(const std::vector<std::string>& args, bool sudo,
