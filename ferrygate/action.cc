@@ -31,6 +31,12 @@ namespace {
 const char kSudoPrefix[] = "sudo -k; sudo -S -p ' ' ";
 const unsigned kRefreshSeconds = 5;
 
+// The agent directory stays one word inside the inner line as well: blanks, quotes or a ";" in
+// it must neither split the change of directory nor run as commands of their own.
+std::string inAgentDir(const std::string& agentDir, const std::string& cmd) {
+    return shellWords({"sh", "-c", "cd " + sh_quote(agentDir) + "; " + cmd});
+}
+
 }  // namespace
 
 void giveToHmxadm(const std::string& path) {
@@ -96,13 +102,13 @@ std::string Action::remoteAgentPath(const std::string& entryPoint) const {
 
 int Action::execUser(const std::string& cmd, std::istream& in, std::ostream& out, std::ostream& err,
                      bool quietOutput, bool quietInput) {
-    const std::string line = shellWords({"sh", "-c", "cd " + cfg().agentDir + "; " + cmd});
+    const std::string line = inAgentDir(cfg().agentDir, cmd);
     return getSsh()->exec(line, in, out, err, quietOutput, quietInput, Ssh::nullCounter);
 }
 
 int Action::execUser(const std::string& cmd, std::ostream& out, std::ostream& err,
                      bool quietOutput) {
-    const std::string line = shellWords({"sh", "-c", "cd " + cfg().agentDir + "; " + cmd});
+    const std::string line = inAgentDir(cfg().agentDir, cmd);
     return getSsh()->exec(line, out, err, quietOutput, Ssh::nullCounter);
 }
 

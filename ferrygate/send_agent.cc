@@ -13,6 +13,7 @@
 #include "commons/exceptions.h"
 #include "ferrygate/agent_spec.h"
 #include "ferrygate/session.h"
+#include "ssh/shell_quote.h"
 #include "utils/files.h"
 #include "utils/tavik_ugid.h"
 
@@ -53,8 +54,9 @@ void SendAgentAction::execute() {
     status->saveFile();
     logger.notice("Getting agent deployment status");
 
-    const std::string inner = "cd " + cfg().agentDir + " && " + agent->getEffectiveInterpreter() +
-                              " " + remoteAgentPath(agent->getEntryPoint()) + " --get-status";
+    const std::string inner = "cd " + sh_quote(cfg().agentDir) + " && " +
+                              agent->getEffectiveInterpreter() + " " +
+                              sh_quote(remoteAgentPath(agent->getEntryPoint())) + " --get-status";
     const std::string command = shellWords({"sh", "-c", inner});
     const std::string statusFile = theSession->getDeploymentStatusFileName();
     std::ofstream out(statusFile.c_str(), std::ios::binary | std::ios::trunc);

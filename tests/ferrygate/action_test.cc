@@ -68,9 +68,9 @@ class ActionBase : public ::testing::Test {
     std::vector<SentCommand> sent_;
 };
 
-const char kUserLine[] = "sh -c cd\\ /opt/agent\\ dir\\;\\ ls\\ -l";
+const char kUserLine[] = "sh -c cd\\ /opt/agent\\\\\\ dir\\;\\ ls\\ -l";
 const char kSudoLine[] =
-    "sh -c cd\\ /opt/agent\\ dir\\;\\ sudo\\ -k\\;\\ sudo\\ -S\\ -p\\ \\'\\ \\'\\ ls\\ -l";
+    "sh -c cd\\ /opt/agent\\\\\\ dir\\;\\ sudo\\ -k\\;\\ sudo\\ -S\\ -p\\ \\'\\ \\'\\ ls\\ -l";
 
 TEST_F(ActionBase, WithoutSudoRootCommandsAreTheLoginsAndFilesAreLeftAlone) {
     std::unique_ptr<NoOpAction> action = makeAction();

@@ -154,7 +154,7 @@ TEST_F(Actions, RemovingTheAgentNeverFails) {
     RemoveAgentAction plain;
     run(plain);
     ASSERT_EQ(1u, sent_.size());
-    EXPECT_EQ("sh -c cd\\ /srv/it\\'s\\ here\\;\\ rm\\ -rf\\ /srv/it\\\\\\'s\\\\\\ here",
+    EXPECT_EQ("sh -c cd\\ /srv/it\\\\\\'s\\\\\\ here\\;\\ rm\\ -rf\\ /srv/it\\\\\\'s\\\\\\ here",
               sent_[0].command);
 
     cfg_.sudo = true;
