@@ -166,12 +166,17 @@ void Session::authorize(const std::string& user, const std::string& password) {
 
     // A server that accepts the "none" method answers the list request with success instead.
     bool authenticated = list == nullptr && libssh2_userauth_authenticated(session_.get());
+    if (!authenticated && list == nullptr) raiseIfDisconnected();
     if (!authenticated && contains(methods, "password")) {
         logger.info("Trying 'password' authentication");
         authenticated = libssh2_userauth_password_ex(
                             session_.get(), user.data(), static_cast<unsigned>(user.size()),
                             password.data(), static_cast<unsigned>(password.size()), nullptr) == 0;
-        if (authenticated) logger.info("Authenticated succesfully");
+        if (authenticated) {
+            logger.info("Authenticated succesfully");
+        } else {
+            raiseIfDisconnected();
+        }
     }
     if (!authenticated && contains(methods, "keyboard-interactive")) {
         logger.info("Trying 'keyboard-interactive' authentication");
@@ -189,6 +194,21 @@ void Session::authorize(const std::string& user, const std::string& password) {
     }
     if (compatibility_) {
         openReserveChannel();
+    }
+}
+
+void Session::raiseIfDisconnected() {
+    // A connection lost on the way says nothing about the password.
+    switch (libssh2_session_last_errno(session_.get())) {
+        case LIBSSH2_ERROR_SOCKET_DISCONNECT:
+        case LIBSSH2_ERROR_SOCKET_RECV:
+        case LIBSSH2_ERROR_SOCKET_SEND:
+        case LIBSSH2_ERROR_SOCKET_TIMEOUT:
+        case LIBSSH2_ERROR_TIMEOUT:
+            logger.error("Connection lost during authentication: " + lastError());
+            TAVIK_RAISE(SshConnectionFault);
+        default:
+            break;
     }
 }
 

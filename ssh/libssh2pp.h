@@ -90,6 +90,8 @@ class Session {
   private:
     bool preferMethod(int method, const char* preference);
     void openReserveChannel();
+    // Throws SshConnectionFault when the last library call failed because the connection is gone.
+    void raiseIfDisconnected();
 
     Handle<LIBSSH2_SESSION*, libssh2_session_free, DefaultValidationPolicy<LIBSSH2_SESSION*>>
         session_;
