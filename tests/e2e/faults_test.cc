@@ -1,0 +1,431 @@
+// The fault matrix: the real ferrygate against a loopback sshd that crashes, a disk that fills,
+// a broken host configuration, kills at random moments and hostile remote paths. Each row checks
+// the exit code and message, that nothing already on disk is lost, and that a rerun finishes.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <libxml/parser.h>
+#include <libxml/tree.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <boost/filesystem.hpp>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <regex>
+#include <set>
+#include <thread>
+
+#include "support/migration_host.h"
+#include "support/relay_process.h"
+
+extern char** environ;
+
+namespace tavik {
+namespace test {
+namespace {
+
+namespace fs = boost::filesystem;
+using Clock = std::chrono::steady_clock;
+
+bool waitFor(const std::function<bool()>& done, int milliseconds) {
+    const auto deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
+    while (!done()) {
+        if (Clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+uint64_t sizeOf(const std::string& path) {
+    boost::system::error_code ec;
+    const uint64_t size = fs::file_size(path, ec);
+    return ec ? 0 : size;
+}
+
+// True when `path` holds a whole status document of a known shape.
+bool wellFormedStatus(const std::string& path) {
+    xmlDocPtr doc = xmlReadFile(path.c_str(), nullptr, XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+    if (doc == nullptr) return false;
+    const xmlNode* root = xmlDocGetRootElement(doc);
+    const xmlNode* body = root ? xmlFirstElementChild(const_cast<xmlNode*>(root)) : nullptr;
+    const std::string name = body ? reinterpret_cast<const char*>(body->name) : "";
+    bool ok = root && xmlStrEqual(root->name, BAD_CAST "migration-status") &&
+              (name == "idle" || name == "agent" || name == "transfer");
+    if (ok && name == "transfer") {
+        const xmlNode* host = xmlFirstElementChild(const_cast<xmlNode*>(body));
+        const xmlNode* what = host ? xmlNextElementSibling(const_cast<xmlNode*>(host)) : nullptr;
+        ok = host && xmlStrEqual(host->name, BAD_CAST "host") && what &&
+             (xmlStrEqual(what->name, BAD_CAST "dumpfile") ||
+              (xmlStrEqual(what->name, BAD_CAST "files") && xmlHasProp(what, BAD_CAST "total") &&
+               xmlHasProp(what, BAD_CAST "left")));
+    }
+    xmlFreeDoc(doc);
+    return ok;
+}
+
+// A rate-capped relay in front of `target`, on a port the command line accepts (below 32768).
+std::unique_ptr<RelayProcess> slowRelay(uint16_t target) {
+    std::mt19937 random(std::random_device{}());
+    for (int attempt = 0;; ++attempt) {
+        const std::string listen =
+            "127.0.0.1:" + std::to_string(std::uniform_int_distribution<int>(20000, 32767)(random));
+        try {
+            return std::unique_ptr<RelayProcess>(
+                new RelayProcess(target, {"--listen", listen, "--rate-down", "4000000"}));
+        } catch (const std::runtime_error&) {
+            if (attempt == 20) throw;
+        }
+    }
+}
+
+class Faults : public MigrationTest {
+  protected:
+    Faults() : MigrationTest(FERRYGATE_BINARY) {}
+
+    void SetUp() override {
+        MigrationTest::SetUp();
+        // A cheap password hash: each of the many logins here would otherwise spend half a
+        // second in the default one.
+        runProcess({"/usr/sbin/chpasswd", "-c", "SHA512", "-s", "1000"},
+                   user() + ":" + password() + "\n");
+    }
+
+    void addRandomFile(const std::string& path, size_t size) {
+        std::ifstream random("/dev/urandom", std::ios::binary);
+        std::string bytes(size, '\0');
+        random.read(&bytes[0], static_cast<std::streamsize>(size));
+        testing::writeTextFile(hosting_ + "/web/" + path, bytes);
+        chmod((hosting_ + "/web/" + path).c_str(), 0644);
+    }
+
+    void deployAndDump() {
+        ProcessResult r = ferrygate({"--deploy-agent"});
+        ASSERT_EQ(0, r.status) << r.err;
+        r = ferrygate({"--dump-all"});
+        ASSERT_EQ(0, r.status) << r.err;
+    }
+
+    // Content archives of the dump, in list order, with their MD5 sums.
+    std::vector<std::pair<std::string, std::string>> archives() {
+        std::vector<std::pair<std::string, std::string>> files;
+        const std::string dump = readFile(sessionFile("dump.xml"));
+        const std::regex content("<content file=\"([^\"]+)\"[^>]* md5sum=\"([0-9a-f]{32})\"/>");
+        for (std::sregex_iterator it(dump.begin(), dump.end(), content), end; it != end; ++it) {
+            files.emplace_back((*it)[1], (*it)[2]);
+        }
+        return files;
+    }
+
+    // Runs ferrygate with `args` while `fault` acts on the side; returns the run's result.
+    ProcessResult runDuring(const std::vector<std::string>& args,
+                            const std::function<void()>& fault) {
+        std::atomic<bool> done(false);
+        ProcessResult r;
+        std::thread run([&] {
+            r = ferrygate(args);
+            done = true;
+        });
+        fault();
+        run.join();
+        return r;
+    }
+
+    // Starts ferrygate in the background, its output thrown away.
+    pid_t spawn(uint16_t port, const std::string& session, const std::vector<std::string>& args) {
+        std::vector<std::string> words = {
+            FERRYGATE_BINARY,       "--host=127.0.0.1",          "--port=" + std::to_string(port),
+            "--login=" + user(),    "--session-path=" + session, "--agent-dir=" + remoteAgent_,
+            "--agent-name=hostdump"};
+        words.insert(words.end(), args.begin(), args.end());
+        std::vector<char*> argv;
+        for (std::string& word : words) argv.push_back(&word[0]);
+        argv.push_back(nullptr);
+        std::vector<std::string> env = {"HMX_PASSWORD=" + password()};
+        for (char** e = environ; *e; ++e) env.push_back(*e);
+        std::vector<char*> envp;
+        for (std::string& entry : env) envp.push_back(&entry[0]);
+        envp.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+        pid_t pid = -1;
+        EXPECT_EQ(0, posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()));
+        posix_spawn_file_actions_destroy(&actions);
+        return pid;
+    }
+};
+
+// The server side of our connection dies while a content file downloads, while the agent dumps,
+// and (a listener that hangs up) before the session starts.
+TEST_F(Faults, TheServerDisappears) {
+    addRandomFile("shop.test/big.bin", 8 << 20);
+    configureAgent("delay = 2\n");
+    deployAndDump();
+    const auto files = archives();
+    ASSERT_EQ(4u, files.size());
+    const std::string big = sessionFile("shop.test_site.tar.gz");
+    const std::string lost = "Lost connection with the remote host";
+    {
+        const auto relay = slowRelay(port());
+        ProcessResult r =
+            runDuring({"--get-content", "--port=" + std::to_string(relay->port())}, [&] {
+                waitFor([&] { return sizeOf(big) > 0; }, 30000);
+                sshd().killSessions();
+            });
+        EXPECT_EQ(18, r.status);
+        EXPECT_EQ(lost, r.err);
+    }
+    for (const auto& file : files) {
+        if (sessionFile(file.first) == big) continue;
+        EXPECT_EQ(file.second, md5OfFile(sessionFile(file.first))) << file.first;
+    }
+    EXPECT_TRUE(wellFormedStatus(sessionFile("migration.status")));
+    EXPECT_NE(std::string::npos,
+              readFile(sessionFile("migration.result")).find("SshConnectionFault"));
+    ProcessResult r = ferrygate({"--get-content"});
+    ASSERT_EQ(0, r.status) << r.err;
+    for (const auto& file : files) EXPECT_EQ(file.second, md5OfFile(sessionFile(file.first)));
+
+    const std::string remoteStatus = remoteAgent_ + "/dumping-status.xml";
+    fs::remove(remoteStatus);
+    r = runDuring({"--dump-all"}, [&] {
+        waitFor([&] { return fs::exists(remoteStatus); }, 10000);
+        sshd().killSessions();
+    });
+    EXPECT_EQ(18, r.status);
+    EXPECT_EQ(lost, r.err);
+    EXPECT_TRUE(wellFormedStatus(sessionFile("migration.status")));
+    r = ferrygate({"--dump-all"});
+    EXPECT_EQ(0, r.status) << r.err;
+
+    // A listener that takes every connection and hangs up at once.
+    const int listener = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    std::mt19937 random(std::random_device{}());
+    do {  // the command line takes ports below 32768 only
+        address.sin_port = htons(std::uniform_int_distribution<uint16_t>(20000, 32767)(random));
+    } while (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0);
+    ASSERT_EQ(0, listen(listener, 4));
+    std::thread hangUp([&] {
+        for (int peer; (peer = accept(listener, nullptr, nullptr)) >= 0;) close(peer);
+    });
+    r = ferrygateRaw({"--host=127.0.0.1", "--port=" + std::to_string(ntohs(address.sin_port)),
+                      "--login=" + user(), "--session-path=" + session_, "--send-scout"},
+                     {"HMX_PASSWORD=" + password()});
+    shutdown(listener, SHUT_RDWR);
+    hangUp.join();
+    close(listener);
+    EXPECT_EQ(2, r.status);
+    EXPECT_EQ("Unable to start SSH session: Failed getting banner", r.err);
+    EXPECT_TRUE(wellFormedStatus(sessionFile("migration.status")));
+
+    // Killed while it checks the password: a lost connection, not a wrong password.
+    fs::remove(sessionFile("migration.log"));
+    r = runDuring({"--send-scout"}, [&] {
+        waitFor(
+            [&] {
+                return readFile(sessionFile("migration.log")).find("Trying 'password'") !=
+                       std::string::npos;
+            },
+            10000);
+        sshd().killSessions();
+    });
+    EXPECT_EQ(18, r.status);
+    EXPECT_EQ(lost, r.err);
+}
+
+TEST_F(Faults, AFullDiskFailsTheDownloadAndARerunFinishesOnceThereIsRoom) {
+    addRandomFile("shop.test/big.bin", 1 << 20);
+    deployAndDump();
+    const auto files = archives();
+    ASSERT_EQ(4u, files.size());
+    const std::string dumps = session_ + "/small";
+    fs::create_directories(dumps);
+    ASSERT_EQ(0, mount("fgfull", dumps.c_str(), "tmpfs", 0, "size=512k"));
+
+    ProcessResult r = ferrygate({"--get-content", "--no-check-space", "--dumps-dir=" + dumps});
+    EXPECT_EQ(2, r.status);
+    EXPECT_EQ("Cannot write data to the stream", r.err);
+    EXPECT_NE(std::string::npos, readFile(sessionFile("migration.result")).find("StreamWrite"));
+    for (const auto& file : files) {
+        if (file.first == "shop.test_site.tar.gz") continue;
+        EXPECT_EQ(file.second, md5OfFile(dumps + "/" + file.first)) << file.first;
+    }
+    EXPECT_TRUE(wellFormedStatus(sessionFile("migration.status")));
+
+    ASSERT_EQ(0, mount("fgfull", dumps.c_str(), "tmpfs", MS_REMOUNT, "size=4m"));
+    r = ferrygate({"--get-content", "--no-check-space", "--dumps-dir=" + dumps});
+    EXPECT_EQ(0, r.status) << r.err;
+    for (const auto& file : files) EXPECT_EQ(file.second, md5OfFile(dumps + "/" + file.first));
+    umount(dumps.c_str());
+}
+
+// A broken destination host: each row breaks one thing and runs one action.
+TEST_F(Faults, ABrokenHostEndsWithACleanError) {
+    struct Row {
+        const char* name;
+        std::function<void()> breakIt;
+        std::string action;
+        int code;
+        std::string message;
+        const char* cause;  // in migration.result
+    };
+    const std::string spec = agentsDir_ + "/hostdump/control/spec";
+    const std::string goodSpec = readFile(spec);
+    const std::string conf = readFile("/etc/hmx/hmx.conf");
+    const std::string noLog =
+        "Uncaught std::exception: cannot read log configuration /usr/local/hmx/RKU/"
+        "log4cpp.properties\n";
+    const char junk[] = "\x01\xff#\n  \n=\n\0x\nPRODUCT_ROOT_D\n";
+    const std::string garbage(junk, sizeof junk - 1);
+    const std::vector<Row> rows = {
+        {"no hmx.conf", [] { fs::remove("/etc/hmx/hmx.conf"); }, "--send-scout", 1, noLog, ""},
+        {"empty hmx.conf", [] { testing::writeTextFile("/etc/hmx/hmx.conf", ""); }, "--send-scout",
+         1, noLog, ""},
+        {"garbage hmx.conf", [&] { testing::writeTextFile("/etc/hmx/hmx.conf", garbage); },
+         "--send-scout", 1, noLog, ""},
+        {"garbage around the setting",
+         [&] { testing::writeTextFile("/etc/hmx/hmx.conf", garbage + conf); }, "--deploy-agent", 0,
+         "", "success"},
+        {"no agents directory", [&] { fs::rename(agentsDir_, agentsDir_ + ".away"); },
+         "--deploy-agent", 2, "'shared' agents directory not found", "error"},
+        {"invalid agent spec", [&] { testing::writeTextFile(spec, "EntryPoint hostdump.pl\n"); },
+         "--dump-all", 2, "Error during dump retrieval", "AgentNotFound"},
+    };
+    for (const Row& row : rows) {
+        row.breakIt();
+        const ProcessResult r = ferrygate({row.action});
+        EXPECT_EQ(row.code, r.status) << row.name << ": " << r.err;
+        EXPECT_EQ(row.message, r.err) << row.name;
+        EXPECT_NE(std::string::npos, readFile(sessionFile("migration.result")).find(row.cause))
+            << row.name;
+        const std::string status = sessionFile("migration.status");
+        EXPECT_TRUE(!fs::exists(status) || wellFormedStatus(status)) << row.name;
+        testing::writeTextFile("/etc/hmx/hmx.conf", conf);
+        if (fs::exists(agentsDir_ + ".away")) fs::rename(agentsDir_ + ".away", agentsDir_);
+        testing::writeTextFile(spec, goodSpec);
+    }
+
+    // Not even root may write the session directory: the failure to save the result ends the
+    // run through the last-resort handler.
+    const std::string readOnly = session_ + "/ro";
+    fs::create_directories(readOnly);
+    ASSERT_EQ(0, mount("fgro", readOnly.c_str(), "tmpfs", MS_RDONLY, "size=64k"));
+    const ProcessResult r =
+        ferrygateRaw({"--host=127.0.0.1", "--port=" + std::to_string(port()), "--login=" + user(),
+                      "--session-path=" + readOnly, "--send-scout"},
+                     {"HMX_PASSWORD=" + password()});
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ(0u, r.err.find("Can not create temporary file with the template '" + readOnly +
+                             "/migration.statusXXXXXX': Read-only file system."))
+        << r.err;
+    EXPECT_TRUE(fs::is_empty(readOnly));
+    umount(readOnly.c_str());
+}
+
+// Kills at random moments of a long download never leave a half-written status document, nor
+// more than the one temporary file that was being written. Five sessions take turns so that the
+// connection set-up of one overlaps the transfer of another.
+TEST_F(Faults, SigkillWhileTheStatusIsRewritten) {
+    addRandomFile("shop.test/big.bin", 16 << 20);
+    deployAndDump();
+    std::set<std::string> expected = {"archives",         "migration.log",       "migration.result",
+                                      "migration.status", "migration.log.debug", "dump-name"};
+    for (const auto& file : archives()) expected.insert(file.first);
+    // Only the long download is left on the source host, so that no lane deletes a file that
+    // another one is fetching.
+    for (fs::directory_iterator it(remoteAgent_ + "/content"), end; it != end; ++it) {
+        if (it->path().filename() != "shop.test_site.tar.gz") fs::remove(it->path());
+    }
+    const auto started = Clock::now();
+    std::atomic<int> kills(0), failures(0), leftovers(0);
+    auto lane = [&](int number) {
+        const std::string session = session_ + "/lane" + std::to_string(number);
+        const std::string big = session + "/shop.test_site.tar.gz";
+        std::mt19937 random(std::random_device{}() + number);
+        // A slow line keeps the download going for seconds, whenever the kill comes.
+        const auto slow = slowRelay(port());
+        for (int run = 0; run < 40 && failures == 0; ++run) {
+            fs::remove(big);
+            const pid_t pid = spawn(slow->port(), session, {"--get-content"});
+            const bool transferring = waitFor([&] { return sizeOf(big) > 0; }, 20000);
+            std::this_thread::sleep_for(
+                std::chrono::microseconds(std::uniform_int_distribution<int>(0, 40000)(random)));
+            kill(pid, SIGKILL);
+            int status = 0;
+            waitpid(pid, &status, 0);
+            ++kills;
+            const std::string text = readFile(session + "/migration.status");
+            int left = 0;
+            for (fs::directory_iterator it(session), end; it != end; ++it) {
+                const std::string name = it->path().filename().string();
+                if (expected.count(name)) continue;
+                failures += name.find("migration.status") != 0;
+                ++left;
+                fs::remove(it->path());
+            }
+            leftovers += left;
+            if (!transferring || !WIFSIGNALED(status) ||
+                !wellFormedStatus(session + "/migration.status") || left > 1) {
+                ADD_FAILURE() << "lane " << number << ", run " << run << ": "
+                              << (transferring ? "" : "no transfer; ") << left
+                              << " temporary files; status:\n"
+                              << text;
+                ++failures;
+            }
+        }
+    };
+    std::vector<std::thread> lanes;
+    for (int number = 0; number < 5; ++number) lanes.emplace_back(lane, number);
+    for (std::thread& t : lanes) t.join();
+    EXPECT_EQ(200, kills.load());
+    std::cerr << kills << " kills, " << leftovers << " temporary files left, in "
+              << std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - started).count()
+              << " s\n";
+}
+
+// Whatever the login shell, an agent directory full of shell-special and non-ASCII bytes is one
+// word on the source host: deploy, dump, content and removal all work there.
+class HostileRemote : public Faults, public ::testing::WithParamInterface<const char*> {
+  protected:
+    SshdOptions sshdOptions() const override {
+        SshdOptions options = Faults::sshdOptions();
+        options.shell = GetParam();
+        return options;
+    }
+};
+
+TEST_P(HostileRemote, PathsSurviveTheLoginShell) {
+    remoteAgent_ = sshd().home() + "/a b'c\"d$HOME;e\nf\xc3\xa9";
+    testing::writeTextFile(hosting_ + "/web/o'k $x;\xc3\xa9.test/index.html", "odd\n");
+    ProcessResult r = ferrygate({"--deploy-agent"}, true);
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_TRUE(fs::exists(remoteAgent_ + "/hostdump.pl"));
+    r = ferrygate({"--dump-all"}, true);
+    ASSERT_EQ(0, r.status) << r.err;
+    const auto files = archives();
+    ASSERT_EQ(5u, files.size()) << readFile(sessionFile("dump.xml"));
+    r = ferrygate({"--get-content"}, true);
+    ASSERT_EQ(0, r.status) << r.err;
+    for (const auto& file : files) EXPECT_EQ(file.second, md5OfFile(sessionFile(file.first)));
+    r = ferrygate({"--remove-agent"}, true);
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_FALSE(fs::exists(remoteAgent_));
+    EXPECT_TRUE(fs::exists(sshd().home()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Shells, HostileRemote,
+                         ::testing::Values("/bin/bash", "/bin/dash", "/bin/sh"));
+
+}  // namespace
+}  // namespace test
+}  // namespace tavik
