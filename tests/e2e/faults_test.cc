@@ -16,6 +16,7 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <random>
 #include <regex>
 #include <set>
@@ -76,8 +77,8 @@ std::unique_ptr<RelayProcess> slowRelay(uint16_t target) {
         const std::string listen =
             "127.0.0.1:" + std::to_string(std::uniform_int_distribution<int>(20000, 32767)(random));
         try {
-            return std::unique_ptr<RelayProcess>(
-                new RelayProcess(target, {"--listen", listen, "--rate-down", "4000000"}));
+            return std::make_unique<RelayProcess>(
+                target, std::vector<std::string>{"--listen", listen, "--rate-down", "4000000"});
         } catch (const std::runtime_error&) {
             if (attempt == 20) throw;
         }
@@ -125,12 +126,8 @@ class Faults : public MigrationTest {
     // Runs ferrygate with `args` while `fault` acts on the side; returns the run's result.
     ProcessResult runDuring(const std::vector<std::string>& args,
                             const std::function<void()>& fault) {
-        std::atomic<bool> done(false);
         ProcessResult r;
-        std::thread run([&] {
-            r = ferrygate(args);
-            done = true;
-        });
+        std::thread run([&] { r = ferrygate(args); });
         fault();
         run.join();
         return r;
@@ -163,7 +160,7 @@ class Faults : public MigrationTest {
 };
 
 // The server side of our connection dies while a content file downloads, while the agent dumps,
-// and (a listener that hangs up) before the session starts.
+// before the session starts (a listener that hangs up) and while the password is checked.
 TEST_F(Faults, TheServerDisappears) {
     addRandomFile("shop.test/big.bin", 8 << 20);
     configureAgent("delay = 2\n");
