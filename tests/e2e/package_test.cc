@@ -10,7 +10,6 @@
 #include <pwd.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
@@ -18,6 +17,7 @@
 #include <boost/interprocess/sync/scoped_lock.hpp>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -57,13 +57,9 @@ ProcessResult runLocked(const std::string& command) {
 }
 
 std::string confValue(const std::string& text, const std::string& name) {
-    std::istringstream lines(text);
-    std::string key, value;
-    while (lines >> key) {
-        std::getline(lines, value);
-        if (key == name) return value.substr(value.find_first_not_of(" \t"));
-    }
-    return "(not set)";
+    std::smatch m;
+    const std::regex line("(^|\n)" + name + "[ \t]+([^\n]*)");
+    return std::regex_search(text, m, line) ? m[2].str() : "(not set)";
 }
 
 // Every file of the source data directory is installed under RKU with its size and execute bit.
@@ -174,8 +170,8 @@ TEST_F(Package, InstallsTheProductThatThenRunsTheScoutAndRemovesItCleanly) {
         if (it->path().extension() == ".deb") deb = it->path();
     ASSERT_FALSE(deb.empty()) << r.out;
 
-    const std::set<std::string> depends =
-        wordsOf(sh("dpkg-deb -f " + inQuotes(deb) + " Depends | tr , '\\n' | awk '{print $1}'").out);
+    const std::set<std::string> depends = wordsOf(
+        sh("dpkg-deb -f " + inQuotes(deb) + " Depends | tr , '\\n' | awk '{print $1}'").out);
     const std::set<std::string> linked = packagesOfNeededLibraries();
     EXPECT_GE(linked.size(), 6u) << "found too few libraries to check";
     for (const std::string& package : linked)
@@ -219,9 +215,6 @@ TEST_F(Package, InstallsTheProductThatThenRunsTheScoutAndRemovesItCleanly) {
         EXPECT_NE(std::string::npos,
                   readFile(session + "/migration.result").find("status=\"success\""));
         EXPECT_NE(std::string::npos, readFile(session + "/migration.log").find("started"));
-        struct stat st {};
-        ASSERT_EQ(0, stat(session.c_str(), &st));
-        EXPECT_EQ(uid, st.st_gid);
 
         r = dpkg("-i " + inQuotes(deb));
         ASSERT_EQ(0, r.status) << "reinstalling:\n" << r.out;
