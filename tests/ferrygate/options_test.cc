@@ -167,6 +167,7 @@ TEST(ParseOptions, PasswordsFromTheEnvironmentAreReadOnceAndMasked) {
     EXPECT_EQ(nullptr, getenv("HMX_PASSWORD"));
     EXPECT_TRUE(cfg.sudoPasswordProvided && is_sudo_password_provided());
     EXPECT_EQ("sudo-secret", cfg.sudoPassword);
+    EXPECT_EQ(nullptr, getenv("HMX_SUDO_PASSWORD"));
     EXPECT_EQ("a *** b ***", maskSecrets("a login-secret b sudo-secret"));
     EXPECT_EQ("login-secret", parse("--send-scout").password);
 }
