@@ -12,6 +12,8 @@ namespace testing {
 bool inSandbox();
 // Creates or replaces `path` (and its missing parents) with `text`.
 void writeTextFile(const std::string& path, const std::string& text);
+// The whole file, or "" when it cannot be read.
+std::string readFile(const std::string& path);
 // Adds a system account without a home directory (useradd -M -r), inside the sandbox only.
 bool addSystemAccount(const std::string& name);
 
