@@ -1,5 +1,7 @@
 #include "support/sandbox_env.h"
 
+#include <pwd.h>
+
 #include <boost/filesystem.hpp>
 #include <cstdlib>
 #include <fstream>
@@ -31,6 +33,7 @@ std::string readFile(const std::string& path) {
 
 bool addSystemAccount(const std::string& name) {
     if (!inSandbox()) return false;
+    if (getpwnam(name.c_str()) != nullptr) return true;
     const std::string command = "useradd -M -r " + name + " >/dev/null 2>&1";
     return system(command.c_str()) == 0;
 }

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -22,7 +23,7 @@ using testing::ScratchDir;
 class AtomicSave : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_TRUE(testing::haveHmxadm());
+        ASSERT_TRUE(testing::addSystemAccount("hmxadm"));
         testing::writeTextFile(target_, "old");
         doc_.initNewDoc("new");
     }

@@ -23,7 +23,7 @@ class MigrationStatusTest : public ::testing::Test {
     void SetUp() override { ASSERT_TRUE(haveHmxadm_); }
     std::string written() const { return renderFile(theSession->getStatusFileName()); }
 
-    const bool haveHmxadm_ = testing::haveHmxadm();
+    const bool haveHmxadm_ = testing::addSystemAccount("hmxadm");
     testing::ScratchDir dir_;
     SessionLifetimeController session_{dir_.path() + "/session"};
 };

@@ -3,7 +3,6 @@
 #define FERRYGATE_TESTS_XML_XML_TEST_UTIL_H
 
 #include <libxml/tree.h>
-#include <pwd.h>
 
 #include <boost/filesystem.hpp>
 #include <set>
@@ -15,11 +14,6 @@
 
 namespace tavik {
 namespace testing {
-
-// The account that files for the controlling process are given to; inside the sandbox only.
-inline bool haveHmxadm() {
-    return inSandbox() && (getpwnam("hmxadm") != nullptr || addSystemAccount("hmxadm"));
-}
 
 inline std::string str(const xmlChar* s) { return reinterpret_cast<const char*>(s); }
 
