@@ -11,8 +11,6 @@
 
 #include "commons/exceptions.h"
 #include "commons/secrets.h"
-#include "ferrygate/session.h"
-#include "support/product_root.h"
 #include "support/sandbox_env.h"
 
 namespace tavik {
@@ -119,28 +117,6 @@ TEST_F(DebugLogTest, RegisteredPasswordsNeverReachAnyAppender) {
     const std::string debug = readFile(debugFile());
     EXPECT_NE(std::string::npos, debug.find("p.Action: login with *** and ***\n")) << debug;
     EXPECT_NE(std::string::npos, debug.find("p.SendAgentAction: ***\n")) << debug;
-}
-
-TEST(DebugLogLifetime, UsesTheHostsPropertiesFileAndTheSessionLog) {
-    testing::ProductRoot product(kShippedProperties);
-    ScratchDir work;
-    SessionLifetimeController session(work.path() + "/session");
-    {
-        // The driver's mapping: --verbose is debug mode, and debug mode is never verbose.
-        DebugLogLifetimeController controller(true, true);
-        ASSERT_NE(nullptr, theDebugLog);
-        EXPECT_TRUE(theDebugLog->isDebugMode());
-        EXPECT_FALSE(theDebugLog->isVerboseMode());
-        theDebugLog->log("inside the session");
-    }
-    EXPECT_EQ(nullptr, theDebugLog);
-    {
-        DebugLogLifetimeController controller(true, false);
-        EXPECT_TRUE(theDebugLog->isVerboseMode());
-        EXPECT_FALSE(theDebugLog->isDebugMode());
-    }
-    EXPECT_NE(std::string::npos, readFile(work.path() + "/session/migration.log")
-                                     .find("[INFO] p.log: inside the session\n"));
 }
 
 }  // namespace

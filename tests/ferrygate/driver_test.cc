@@ -103,8 +103,10 @@ TEST(Driver, AVerificationFailureIsRecordedInTheSessionLog) {
     EXPECT_EQ(log.size(), find(log, end, at) + end.size());
     EXPECT_EQ("", readFile(cwd.path() + "/S/migration.log.debug"));
 
+    // --verbose means the debug log, never messages on the console.
     r = run({"--send-scout", "--session-path=V", "--verbose"}, cwd.path());
     EXPECT_EQ(1, r.status);
+    EXPECT_EQ("", r.out + r.err);
     const std::string debug = readFile(cwd.path() + "/V/migration.log.debug");
     find(debug, "p.log: Ferrygate started : ");
     find(debug, "p.log: " + end.substr(end.find("Ferrygate")));

@@ -8,8 +8,6 @@
 #include <cstdlib>
 #include <string>
 
-#include "commons/exceptions.h"
-#include "support/raised.h"
 #include "support/sandbox_env.h"
 
 namespace tavik {
@@ -59,21 +57,6 @@ TEST(Session, ExistingDirectoryIsReusedUnchanged) {
     SessionFiles session(dir);
     EXPECT_EQ(S_IFDIR | 0700u, statOf(dir).st_mode);
     EXPECT_EQ(S_IFDIR | 0711u, statOf(dir + "/archives").st_mode);
-}
-
-TEST(Session, ControllerPublishesTheSessionOnlyForItsLifetime) {
-    ScratchDir scratch;
-    {
-        SessionLifetimeController controller(scratch.path() + "/s");
-        ASSERT_NE(nullptr, theSession);
-        EXPECT_EQ(scratch.path() + "/s", theSession->getDir());
-    }
-    EXPECT_EQ(nullptr, theSession);
-    testing::writeTextFile(scratch.path() + "/f", "x");
-    EXPECT_EQ("Unable to create session: Unable to create session directory",
-              testing::messageOf<&UnableToCreateSession>(
-                  [&] { SessionLifetimeController controller(scratch.path() + "/f"); }));
-    EXPECT_EQ(nullptr, theSession);
 }
 
 }  // namespace
