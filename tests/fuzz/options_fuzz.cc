@@ -27,14 +27,15 @@ bool connects(int action) {
     return action != tavik::ACTION_REMOVE_DUMPING_STATUS && action != tavik::ACTION_HELP;
 }
 
-void checkParsed(const tavik::config& cfg) {
+void checkParsed(const tavik::config& cfg, bool sudoInEnvironment) {
     FUZZ_CHECK(cfg.action == tavik::NO_ACTION || cfg.action == tavik::MORE_THAN_ONE_ACTION ||
                tavik::isAction(cfg.action));
     // Either not given, refused, or a value that fits the 16 bits the connection reads.
     FUZZ_CHECK(cfg.port == 0 || cfg.port == -1 || (cfg.port >= -32768 && cfg.port <= 32767));
     FUZZ_CHECK(cfg.password == kLoginPassword);
     FUZZ_CHECK(getenv("HMX_PASSWORD") == nullptr);
-    FUZZ_CHECK(cfg.sudoPasswordProvided == (cfg.sudo && getenv("HMX_SUDO_PASSWORD") != nullptr));
+    FUZZ_CHECK(cfg.sudoPasswordProvided == (cfg.sudo && sudoInEnvironment));
+    if (cfg.sudo) FUZZ_CHECK(getenv("HMX_SUDO_PASSWORD") == nullptr);
     if (cfg.sudoPasswordProvided) FUZZ_CHECK(tavik::is_sudo_password_provided());
 }
 
@@ -70,6 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<std::string> lines =
         splitLines(std::string(reinterpret_cast<const char*>(data), size));
     setenv("HMX_PASSWORD", kLoginPassword, 1);
+    const bool sudoInEnvironment = lines[0] == "env:sudo" || lines[0] == "env:sudo-empty";
     if (lines[0] == "env:sudo") {
         setenv("HMX_SUDO_PASSWORD", kSudoPassword, 1);
     } else if (lines[0] == "env:sudo-empty") {
@@ -86,7 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     tavik::config cfg;
     if (tavik::parse_options(static_cast<int>(words.size()), argv.data(), &cfg)) {
-        checkParsed(cfg);
+        checkParsed(cfg, sudoInEnvironment);
         try {
             tavik::verify_options(&cfg);
             checkVerified(cfg);
