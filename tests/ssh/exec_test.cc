@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <random>
 #include <sstream>
 #include <thread>
@@ -150,7 +151,11 @@ TEST_F(Exec, AlarmRunsANestedDownloadBetweenWaits) {
 
 TEST_F(Exec, DroppedConnectionDuringALongCommandIsAConnectionFault) {
     std::thread killer([this] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(700));
+        // Only once the command runs: a kill while the channel opens is another failure.
+        const std::string running = "pgrep -u " + user() + " -x sleep >/dev/null";
+        for (int i = 0; i < 200 && system(running.c_str()) != 0; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
         sshd().killSessions();
     });
     const auto start = std::chrono::steady_clock::now();
