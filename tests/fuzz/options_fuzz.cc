@@ -16,33 +16,26 @@
 
 namespace {
 
+using tavik::fuzz::splitLines;
+
 const char kSudoPassword[] = "Fz-sudo-9f3e1a";
 // The login password reader keeps the first value it saw for the rest of the process, so
 // every run gets the same one; a different one per run would make the runs depend on order.
 const char kLoginPassword[] = "Fz-login-27c4b0";
 
-std::vector<std::string> splitLines(const std::string& input) {
-    std::vector<std::string> lines;
-    size_t start = 0;
-    for (size_t end; (end = input.find('\n', start)) != std::string::npos; start = end + 1) {
-        lines.push_back(input.substr(start, end - start));
-    }
-    lines.push_back(input.substr(start));
-    return lines;
-}
-
 bool connects(int action) {
     return action != tavik::ACTION_REMOVE_DUMPING_STATUS && action != tavik::ACTION_HELP;
 }
 
-void checkParsed(const tavik::config& cfg) {
+void checkParsed(const tavik::config& cfg, bool sudoInEnvironment) {
     FUZZ_CHECK(cfg.action == tavik::NO_ACTION || cfg.action == tavik::MORE_THAN_ONE_ACTION ||
                tavik::isAction(cfg.action));
     // Either not given, refused, or a value that fits the 16 bits the connection reads.
     FUZZ_CHECK(cfg.port == 0 || cfg.port == -1 || (cfg.port >= -32768 && cfg.port <= 32767));
     FUZZ_CHECK(cfg.password == kLoginPassword);
     FUZZ_CHECK(getenv("HMX_PASSWORD") == nullptr);
-    FUZZ_CHECK(cfg.sudoPasswordProvided == (cfg.sudo && getenv("HMX_SUDO_PASSWORD") != nullptr));
+    FUZZ_CHECK(cfg.sudoPasswordProvided == (cfg.sudo && sudoInEnvironment));
+    if (cfg.sudo) FUZZ_CHECK(getenv("HMX_SUDO_PASSWORD") == nullptr);
     if (cfg.sudoPasswordProvided) FUZZ_CHECK(tavik::is_sudo_password_provided());
 }
 
@@ -78,6 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<std::string> lines =
         splitLines(std::string(reinterpret_cast<const char*>(data), size));
     setenv("HMX_PASSWORD", kLoginPassword, 1);
+    const bool sudoInEnvironment = lines[0] == "env:sudo" || lines[0] == "env:sudo-empty";
     if (lines[0] == "env:sudo") {
         setenv("HMX_SUDO_PASSWORD", kSudoPassword, 1);
     } else if (lines[0] == "env:sudo-empty") {
@@ -94,7 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     tavik::config cfg;
     if (tavik::parse_options(static_cast<int>(words.size()), argv.data(), &cfg)) {
-        checkParsed(cfg);
+        checkParsed(cfg, sudoInEnvironment);
         try {
             tavik::verify_options(&cfg);
             checkVerified(cfg);
