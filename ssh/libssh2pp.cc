@@ -197,7 +197,7 @@ void Session::authorize(const std::string& user, const std::string& password) {
     }
 }
 
-void Session::raiseIfDisconnected() const {
+void Session::raiseIfDisconnected() {
     // A connection lost on the way says nothing about the password.
     switch (libssh2_session_last_errno(session_.get())) {
         case LIBSSH2_ERROR_SOCKET_DISCONNECT:
@@ -205,7 +205,7 @@ void Session::raiseIfDisconnected() const {
         case LIBSSH2_ERROR_SOCKET_SEND:
         case LIBSSH2_ERROR_SOCKET_TIMEOUT:
         case LIBSSH2_ERROR_TIMEOUT:
-            logger.error("Connection lost: " + lastError());
+            logger.error("Connection lost during authentication: " + lastError());
             TAVIK_RAISE(SshConnectionFault);
         default:
             break;

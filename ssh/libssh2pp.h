@@ -77,8 +77,6 @@ class Session {
     const Channel* reserveChannel() const { return reserve_.get(); }
     // The library's text for the last failure on this session.
     std::string lastError() const;
-    // Throws SshConnectionFault when the last library call failed because the connection is gone.
-    void raiseIfDisconnected() const;
 
     // The keyboard-interactive responder: answers every prompt with the password that
     // `*abstract` points to (a std::string).
@@ -92,6 +90,8 @@ class Session {
   private:
     bool preferMethod(int method, const char* preference);
     void openReserveChannel();
+    // Throws SshConnectionFault when the last library call failed because the connection is gone.
+    void raiseIfDisconnected();
 
     Handle<LIBSSH2_SESSION*, libssh2_session_free, DefaultValidationPolicy<LIBSSH2_SESSION*>>
         session_;

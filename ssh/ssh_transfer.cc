@@ -8,7 +8,6 @@
 #include <fstream>
 #include <log4cpp/Category.hh>
 #include <log4cpp/CategoryStream.hh>
-#include <memory>
 #include <sstream>
 
 #include "commons/socket.h"
@@ -111,22 +110,12 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
               bool quietOutput, bool quietInput, Counter& counter) {
     logger.info("Executing " + command + " on the remote host");
     logger.info("Opening SSH channel for command '" + command + "'");
-    std::unique_ptr<libssh2pp::Channel> opened;
-    try {
-        // A connection that is gone shows first as a channel that cannot be opened.
-        opened = std::make_unique<libssh2pp::Channel>(
-            libssh2_channel_open_ex(session_->get(), "session", sizeof("session") - 1, kExecWindow,
-                                    kExecPacket, nullptr, 0));
-    } catch (const Exc<&InvalidHandle>&) {
-        session_->raiseIfDisconnected();
-        throw;
-    }
-    libssh2pp::Channel& channel = *opened;
+    libssh2pp::Channel channel(libssh2_channel_open_ex(
+        session_->get(), "session", sizeof("session") - 1, kExecWindow, kExecPacket, nullptr, 0));
     libssh2_channel_set_blocking(channel.get(), 1);
     if (libssh2_channel_process_startup(channel.get(), "exec", sizeof("exec") - 1, command.data(),
                                         static_cast<unsigned>(command.size())) != 0) {
         // Without a command nothing would ever end the channel, and the wait below with it.
-        session_->raiseIfDisconnected();
         logger.error("The remote host refused to run the command: " + session_->lastError());
         TAVIK_RAISE(SshUnknown);
     }
