@@ -18,7 +18,6 @@
 #include <functional>
 #include <memory>
 #include <random>
-#include <regex>
 #include <set>
 #include <thread>
 
@@ -112,17 +111,6 @@ class Faults : public MigrationTest {
         ASSERT_EQ(0, r.status) << r.err;
     }
 
-    // Content archives of the dump, in list order, with their MD5 sums.
-    std::vector<std::pair<std::string, std::string>> archives() {
-        std::vector<std::pair<std::string, std::string>> files;
-        const std::string dump = readFile(sessionFile("dump.xml"));
-        const std::regex content("<content file=\"([^\"]+)\"[^>]* md5sum=\"([0-9a-f]{32})\"/>");
-        for (std::sregex_iterator it(dump.begin(), dump.end(), content), end; it != end; ++it) {
-            files.emplace_back((*it)[1], (*it)[2]);
-        }
-        return files;
-    }
-
     // Runs ferrygate with `args` while `fault` acts on the side; returns the run's result.
     ProcessResult runDuring(const std::vector<std::string>& args,
                             const std::function<void()>& fault) {
@@ -165,7 +153,7 @@ TEST_F(Faults, TheServerDisappears) {
     addRandomFile("shop.test/big.bin", 8 << 20);
     configureAgent("delay = 2\n");
     deployAndDump();
-    const auto files = archives();
+    const auto files = dumpArchives();
     ASSERT_EQ(4u, files.size());
     const std::string big = sessionFile("shop.test_site.tar.gz");
     const std::string lost = "Lost connection with the remote host";
@@ -180,15 +168,15 @@ TEST_F(Faults, TheServerDisappears) {
         EXPECT_EQ(lost, r.err);
     }
     for (const auto& file : files) {
-        if (sessionFile(file.first) == big) continue;
-        EXPECT_EQ(file.second, md5OfFile(sessionFile(file.first))) << file.first;
+        if (sessionFile(file.name) == big) continue;
+        EXPECT_EQ(file.md5, md5OfFile(sessionFile(file.name))) << file.name;
     }
     EXPECT_TRUE(wellFormedStatus(sessionFile("migration.status")));
     EXPECT_NE(std::string::npos,
               readFile(sessionFile("migration.result")).find("SshConnectionFault"));
     ProcessResult r = ferrygate({"--get-content"});
     ASSERT_EQ(0, r.status) << r.err;
-    for (const auto& file : files) EXPECT_EQ(file.second, md5OfFile(sessionFile(file.first)));
+    for (const auto& file : files) EXPECT_EQ(file.md5, md5OfFile(sessionFile(file.name)));
 
     const std::string remoteStatus = remoteAgent_ + "/dumping-status.xml";
     fs::remove(remoteStatus);
@@ -245,7 +233,7 @@ TEST_F(Faults, TheServerDisappears) {
 TEST_F(Faults, AFullDiskFailsTheDownloadAndARerunFinishesOnceThereIsRoom) {
     addRandomFile("shop.test/big.bin", 1 << 20);
     deployAndDump();
-    const auto files = archives();
+    const auto files = dumpArchives();
     ASSERT_EQ(4u, files.size());
     const std::string dumps = session_ + "/small";
     fs::create_directories(dumps);
@@ -256,15 +244,15 @@ TEST_F(Faults, AFullDiskFailsTheDownloadAndARerunFinishesOnceThereIsRoom) {
     EXPECT_EQ("Cannot write data to the stream", r.err);
     EXPECT_NE(std::string::npos, readFile(sessionFile("migration.result")).find("StreamWrite"));
     for (const auto& file : files) {
-        if (file.first == "shop.test_site.tar.gz") continue;
-        EXPECT_EQ(file.second, md5OfFile(dumps + "/" + file.first)) << file.first;
+        if (file.name == "shop.test_site.tar.gz") continue;
+        EXPECT_EQ(file.md5, md5OfFile(dumps + "/" + file.name)) << file.name;
     }
     EXPECT_TRUE(wellFormedStatus(sessionFile("migration.status")));
 
     ASSERT_EQ(0, mount("fgfull", dumps.c_str(), "tmpfs", MS_REMOUNT, "size=4m"));
     r = ferrygate({"--get-content", "--no-check-space", "--dumps-dir=" + dumps});
     EXPECT_EQ(0, r.status) << r.err;
-    for (const auto& file : files) EXPECT_EQ(file.second, md5OfFile(dumps + "/" + file.first));
+    for (const auto& file : files) EXPECT_EQ(file.md5, md5OfFile(dumps + "/" + file.name));
     umount(dumps.c_str());
 }
 
@@ -339,7 +327,7 @@ TEST_F(Faults, SigkillWhileTheStatusIsRewritten) {
     deployAndDump();
     std::set<std::string> expected = {"archives",         "migration.log",       "migration.result",
                                       "migration.status", "migration.log.debug", "dump-name"};
-    for (const auto& file : archives()) expected.insert(file.first);
+    for (const auto& file : dumpArchives()) expected.insert(file.name);
     // Only the long download is left on the source host, so that no lane deletes a file that
     // another one is fetching.
     for (fs::directory_iterator it(remoteAgent_ + "/content"), end; it != end; ++it) {
@@ -411,11 +399,11 @@ TEST_P(HostileRemote, PathsSurviveTheLoginShell) {
     EXPECT_TRUE(fs::exists(remoteAgent_ + "/hostdump.pl"));
     r = ferrygate({"--dump-all"}, true);
     ASSERT_EQ(0, r.status) << r.err;
-    const auto files = archives();
+    const auto files = dumpArchives();
     ASSERT_EQ(5u, files.size()) << readFile(sessionFile("dump.xml"));
     r = ferrygate({"--get-content"}, true);
     ASSERT_EQ(0, r.status) << r.err;
-    for (const auto& file : files) EXPECT_EQ(file.second, md5OfFile(sessionFile(file.first)));
+    for (const auto& file : files) EXPECT_EQ(file.md5, md5OfFile(sessionFile(file.name)));
     r = ferrygate({"--remove-agent"}, true);
     EXPECT_EQ(0, r.status) << r.err;
     EXPECT_FALSE(fs::exists(remoteAgent_));
