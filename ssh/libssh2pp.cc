@@ -1,5 +1,9 @@
 #include "ssh/libssh2pp.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
@@ -8,6 +12,8 @@
 #include <cstring>
 #include <log4cpp/Category.hh>
 #include <vector>
+
+#include "utils/read_configuration.h"
 
 namespace tavik {
 
@@ -110,8 +116,13 @@ ssize_t Channel::readQueued(int stream, char* buffer, size_t size) {
 }
 
 Session::Session(int socket, bool noEncryption, bool compatibility)
-    : session_(newSession()), compatibility_(compatibility) {
+    : session_(newSession()),
+      socket_(socket),
+      silenceLimit_(silenceLimit()),
+      compatibility_(compatibility) {
     logger.info("Trying to start SSH session");
+    // Bounds every blocking call, the start and the log-in included: each wait for the socket.
+    libssh2_session_set_timeout(session_.get(), static_cast<long>(silenceLimit_) * 1000);
     bool started = true;
     if (noEncryption) {
         logger.info("Disabling SSH encryption");
@@ -129,6 +140,8 @@ Session::Session(int socket, bool noEncryption, bool compatibility)
     const char* cipher = libssh2_session_methods(session_.get(), LIBSSH2_METHOD_CRYPT_SC);
     encryption_ = cipher ? cipher : "";
     logger.info("Selected " + encryption_ + " encryption method");
+    // Four requests per silence limit: one lost answer does not end the connection.
+    libssh2_keepalive_config(session_.get(), 1, std::max(1u, silenceLimit_ / 4));
     logger.info("SSH session started successfully");
 }
 
@@ -152,6 +165,44 @@ std::string Session::lastError() const {
     int length = 0;
     libssh2_session_last_error(session_.get(), &message, &length, 0);
     return message ? std::string(message, static_cast<size_t>(length)) : std::string();
+}
+
+bool Session::connectionLost() const {
+    switch (libssh2_session_last_errno(session_.get())) {
+        case LIBSSH2_ERROR_TIMEOUT:
+        case LIBSSH2_ERROR_SOCKET_SEND:
+        case LIBSSH2_ERROR_SOCKET_RECV:
+        case LIBSSH2_ERROR_SOCKET_DISCONNECT:
+        case LIBSSH2_ERROR_SOCKET_TIMEOUT:
+            return true;
+        default:
+            return false;
+    }
+}
+
+void Session::checkAlive() {
+    int nextInSeconds = 0;
+    bool alive = libssh2_keepalive_send(session_.get(), &nextInSeconds) == 0;
+    tcp_info info = {};
+    socklen_t size = sizeof info;
+    // The kernel knows when the last byte arrived, whichever packet carried it.
+    if (alive && getsockopt(socket_, IPPROTO_TCP, TCP_INFO, &info, &size) == 0) {
+        alive = info.tcpi_last_data_recv <= silenceLimit_ * 1000u;
+    }
+    if (!alive) {
+        logger.error("Nothing came from the remote host for " + std::to_string(silenceLimit_) +
+                     " seconds");
+        TAVIK_RAISE(SshConnectionFault);
+    }
+}
+
+unsigned Session::silenceLimit() {
+    const char* configured = hmxConfGet("SSH_SILENCE_TIMEOUT");
+    char* end = nullptr;
+    const unsigned long seconds = configured ? std::strtoul(configured, &end, 10) : 0;
+    return seconds > 0 && seconds < 86400 && end != nullptr && *end == '\0'
+               ? static_cast<unsigned>(seconds)
+               : 120;
 }
 
 void Session::authorize(const std::string& user, const std::string& password) {
@@ -182,6 +233,11 @@ void Session::authorize(const std::string& user, const std::string& password) {
                                                                  &Session::userauth_callback) == 0;
         *abstract = nullptr;
         if (authenticated) logger.info("Authenticated successfully");
+    }
+    if (!authenticated && connectionLost()) {
+        // Not the credentials' fault: the answer never came.
+        logger.error("Lost connection with the remote host during authentication: " + lastError());
+        TAVIK_RAISE(SshConnectionFault);
     }
     if (!authenticated) {
         logger.error("Authentication failed");

@@ -77,6 +77,16 @@ class Session {
     const Channel* reserveChannel() const { return reserve_.get(); }
     // The library's text for the last failure on this session.
     std::string lastError() const;
+    // True when the last failure on this session was the connection's: the server stayed silent
+    // for the silence limit, or the socket broke.
+    bool connectionLost() const;
+    // Sends a keep-alive request when one is due, which a live server answers even while its
+    // command is silent. Throws SshConnectionFault once nothing at all has arrived for the
+    // silence limit: a peer that goes quiet on an open connection would be waited for for ever.
+    void checkAlive();
+    // Seconds the server may stay silent: SSH_SILENCE_TIMEOUT of the product configuration, or
+    // 120. Every blocking call on the session gives up after as long.
+    static unsigned silenceLimit();
 
     // The keyboard-interactive responder: answers every prompt with the password that
     // `*abstract` points to (a std::string).
@@ -93,6 +103,8 @@ class Session {
 
     Handle<LIBSSH2_SESSION*, libssh2_session_free, DefaultValidationPolicy<LIBSSH2_SESSION*>>
         session_;
+    int socket_;
+    unsigned silenceLimit_;
     std::string encryption_;
     bool compatibility_;
     std::unique_ptr<Channel> reserve_;
