@@ -4,18 +4,20 @@
 #   bash bench/wan.sh        (root, on a built tree: FERRYGATE_BUILD_DIR, default build/)
 #
 # Inside scripts/sandbox.sh it starts a loopback sshd (scripts/sshd-host.sh) whose login takes a
-# password (ferrygate) and a throw-away key (OpenSSH; no password reaches an argv), deploys the
-# hostdump agent with ferrygate, and for every round trip of FERRYGATE_BENCH_RTTS (milliseconds,
+# password (ferrygate from HMX_PASSWORD, OpenSSH through sshpass -e, installed when missing; no
+# password reaches an argv), deploys the hostdump agent with ferrygate, and for every round trip of FERRYGATE_BENCH_RTTS (milliseconds,
 # default "0 20 50 100"; 0 is the server itself, any other goes through fg-relay delaying each
 # direction by half of it) downloads one content file of FERRYGATE_BENCH_MIB MiB (default 200):
 #   ferrygate --get-content    the product path: log-in, content list, download, remote rm
 #   ssh host cat FILE          OpenSSH with the cipher and MAC that ferrygate negotiated
 #   scp                        the same
+#   Ssh::get                   the transport alone (bench/ssh_get_bench), no content action
 #   64 KiB window              the same "cat" on a channel with a 64 KiB window (bench/
 #                              ssh_get_bench), on a smaller file: what the 2 MiB window is worth
 # and times --send-scout against "ssh host perl -e 1". Then it reports ferrygate's peak resident
 # size (/usr/bin/time) for --get-content of 100 MiB and of 1 GiB. Every copy is checked by MD5.
 # All files live on tmpfs, so that no disk sets the pace. Takes about five minutes.
+# FERRYGATE_BENCH_WRAP runs the timed ferrygate downloads under a profiler (see below).
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")/.." && pwd)
@@ -23,10 +25,14 @@ build=${FERRYGATE_BUILD_DIR:-$here/build}
 rtts=${FERRYGATE_BENCH_RTTS:-0 20 50 100}
 mib=${FERRYGATE_BENCH_MIB:-200}
 small_mib=16
+# A profiler for the timed ferrygate runs, e.g. "strace -c -o /tmp/ferrygate.strace".
+profiler=${FERRYGATE_BENCH_WRAP:-}
+wrap=
 
 if [ "${FERRYGATE_SANDBOXED:-}" != 1 ]; then
     [ "$(id -u)" -eq 0 ] || { echo "wan.sh: run as root" >&2; exit 1; }
     cmake --build "$build" -j2 --target ferrygate fg-relay ssh_get_bench >/dev/null
+    command -v sshpass >/dev/null || apt-get install -y -qq sshpass >/dev/null
     exec bash "$here/scripts/sandbox.sh" bash "$0" "$@"
 fi
 
@@ -45,10 +51,9 @@ cleanup() {
 }
 trap cleanup EXIT
 
-ssh-keygen -q -t ed25519 -N '' -C ferrygate-bench -f "$work/key"
 password=$(head -c 18 /dev/urandom | base64 | tr -d '/+=')
 eval "$(FERRYGATE_SSHD_PASSWORD=$password bash "$here/scripts/sshd-host.sh" start --user fgbench \
-    --auth password,publickey --authorized-key "$work/key.pub" --ports 20000-32767)"
+    --ports 20000-32767)"
 sshd_pid=$pid
 server_port=$port
 
@@ -62,11 +67,12 @@ echo "PRODUCT_ROOT_D $product" >/etc/hmx/hmx.conf
 agent=$home/ferry-agent
 as_login() { runuser -u fgbench -- "$@"; }
 ferrygate() { # PORT SESSION ACTION...
-    local p=$1 session=$2
+    local p=$1 session=$2 agent_args=(--agent-dir="$agent" --agent-name=hostdump)
     shift 2
+    [ "$1" = --send-scout ] && agent_args=()
     rm -rf "$session"
-    HMX_PASSWORD=$password "$build/ferrygate" --host=127.0.0.1 --port="$p" --login=fgbench \
-        --session-path="$session" --agent-dir="$agent" --agent-name=hostdump "$@"
+    HMX_PASSWORD=$password $wrap "$build/ferrygate" --host=127.0.0.1 --port="$p" --login=fgbench \
+        --session-path="$session" "${agent_args[@]}" "$@"
 }
 ferrygate "$server_port" "$work/deploy" --deploy-agent >/dev/null
 
@@ -98,13 +104,19 @@ algorithms=$(FERRYGATE_BENCH_PASSWORD=$password "$build/bench/ssh_get_bench" "$s
 cipher=$(awk '$1 == "cipher" { print $2 }' <<<"$algorithms")
 mac=$(awk '$1 == "mac" { print $2 }' <<<"$algorithms")
 rm -f "$work/probe.bin"
-ssh_opts=(-i "$work/key" -o BatchMode=yes -o StrictHostKeyChecking=no -o UserKnownHostsFile=/dev/null
-    -o LogLevel=ERROR -o Compression=no -c "$cipher" -o "MACs=$mac")
+# OpenSSH logs in with the password too (through sshpass, which reads it from the environment), so
+# that both pay the server's password check.
+export SSHPASS=$password
+ssh_opts=(-o PreferredAuthentications=password -o PubkeyAuthentication=no
+    -o StrictHostKeyChecking=no -o UserKnownHostsFile=/dev/null -o LogLevel=ERROR
+    -o Compression=no -c "$cipher" -o "MACs=$mac")
+ssh() { sshpass -e /usr/bin/ssh "$@"; }
+scp() { sshpass -e /usr/bin/scp "$@"; }
 
 echo "ferrygate $(git -C "$here" rev-parse --short HEAD 2>/dev/null || echo '?'), cipher $cipher, mac $mac," \
     "$mib MiB file ($small_mib MiB for the 64 KiB window), load $(cut -d' ' -f1-3 /proc/loadavg)"
-printf '%-6s %11s %11s %11s %9s %9s %12s %14s\n' "rtt ms" "ferrygate" "ssh cat" "scp" \
-    "f/cat" "f/scp" "64K window" "scout/perl s"
+printf '%-6s %10s %10s %10s %10s %7s %7s %10s %13s\n' "rtt ms" "ferrygate" "Ssh::get" \
+    "ssh cat" "scp" "f/cat" "f/scp" "64K window" "scout/perl s"
 for rtt in $rtts; do
     p=$server_port
     if [ "$rtt" -gt 0 ]; then
@@ -114,21 +126,25 @@ for rtt in $rtts; do
         read -r p <&"${RELAY[0]}"
     fi
     stage big.bin "$home/big.bin"
-    t_fg=$(seconds ferrygate "$p" "$work/s" --get-content)
+    t_fg=$(wrap=$profiler seconds ferrygate "$p" "$work/s" --get-content)
     check "$work/s/big.bin" "$big_md5"
-    t_cat=$(seconds bash -c 'ssh "${@:3}" -p "$1" fgbench@127.0.0.1 cat big.bin >"$2"' _ "$p" \
-        "$work/cat.bin" "${ssh_opts[@]}")
+    t_cat=$(seconds bash -c 'sshpass -e ssh "${@:3}" -p "$1" fgbench@127.0.0.1 cat big.bin >"$2"' \
+        _ "$p" "$work/cat.bin" "${ssh_opts[@]}")
     check "$work/cat.bin" "$big_md5"
     t_scp=$(seconds scp -q "${ssh_opts[@]}" -P "$p" fgbench@127.0.0.1:big.bin "$work/scp.bin")
     check "$work/scp.bin" "$big_md5"
-    window=$(FERRYGATE_BENCH_PASSWORD=$password "$build/bench/ssh_get_bench" "$p" fgbench \
-        small.bin "$work/w.bin" 1 65536 | awk '$1 == "run" { printf "%.1f", $3 }')
-    rm -f "$work/w.bin"
+    bench_get() { # FILE [WINDOW]: MB/s of one download by bench/ssh_get_bench
+        FERRYGATE_BENCH_PASSWORD=$password "$build/bench/ssh_get_bench" "$p" fgbench "$1" \
+            "$work/g.bin" 1 "${@:2}" | awk '$1 == "run" { printf "%.1f", $3 }'
+        rm -f "$work/g.bin"
+    }
+    transport=$(bench_get big.bin)
+    window=$(bench_get small.bin 65536)
     t_scout=$(seconds ferrygate "$p" "$work/scout" --send-scout)
     t_perl=$(seconds ssh "${ssh_opts[@]}" -p "$p" fgbench@127.0.0.1 perl -e 1)
     stop_relay
-    printf '%-6s %11s %11s %11s %9.2f %9.2f %12s %14s\n' "$rtt" "$(mbps "$mib" "$t_fg")" \
-        "$(mbps "$mib" "$t_cat")" "$(mbps "$mib" "$t_scp")" "$(echo "$t_cat / $t_fg" | bc -l)" \
+    printf '%-6s %10s %10s %10s %10s %7.2f %7.2f %10s %13s\n' "$rtt" "$(mbps "$mib" "$t_fg")" \
+        "$transport" "$(mbps "$mib" "$t_cat")" "$(mbps "$mib" "$t_scp")" "$(echo "$t_cat / $t_fg" | bc -l)" \
         "$(echo "$t_scp / $t_fg" | bc -l)" "$window" "$(printf '%.2f/%.2f' "$t_scout" "$t_perl")"
 done
 echo "(MB/s of 10^6 bytes, including log-in; f/cat and f/scp: ferrygate's speed over theirs)"
