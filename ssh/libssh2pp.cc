@@ -141,7 +141,7 @@ Session::Session(int socket, bool noEncryption, bool compatibility)
     encryption_ = cipher ? cipher : "";
     logger.info("Selected " + encryption_ + " encryption method");
     // Four requests per silence limit: one lost answer does not end the connection.
-    libssh2_keepalive_config(session_.get(), 1, std::max(1u, silenceLimit_ / 4));
+    libssh2_keepalive_config(session_.get(), 1, keepAliveInterval());
     logger.info("SSH session started successfully");
 }
 
@@ -181,20 +181,33 @@ bool Session::connectionLost() const {
 }
 
 void Session::checkAlive() {
-    int nextInSeconds = 0;
-    bool alive = libssh2_keepalive_send(session_.get(), &nextInSeconds) == 0;
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point now = Clock::now();
     tcp_info info = {};
     socklen_t size = sizeof info;
     // The kernel knows when the last byte arrived, whichever packet carried it.
-    if (alive && getsockopt(socket_, IPPROTO_TCP, TCP_INFO, &info, &size) == 0) {
-        alive = info.tcpi_last_data_recv <= silenceLimit_ * 1000u;
+    if (awaitingAnswer_ && getsockopt(socket_, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
+        now - std::chrono::milliseconds(info.tcpi_last_data_recv) > requestSent_) {
+        awaitingAnswer_ = false;
     }
-    if (!alive) {
-        logger.error("Nothing came from the remote host for " + std::to_string(silenceLimit_) +
-                     " seconds");
+    if (awaitingAnswer_ && now - requestSent_ > std::chrono::seconds(silenceLimit_)) {
+        logger.error("The remote host left a request unanswered for " +
+                     std::to_string(silenceLimit_) + " seconds");
         TAVIK_RAISE(SshConnectionFault);
     }
+    int nextInSeconds = 0;
+    if (libssh2_keepalive_send(session_.get(), &nextInSeconds) != 0) {
+        logger.error("Cannot send to the remote host: " + lastError());
+        TAVIK_RAISE(SshConnectionFault);
+    }
+    // A full interval to go means a request went out just now.
+    if (!awaitingAnswer_ && nextInSeconds == static_cast<int>(keepAliveInterval())) {
+        awaitingAnswer_ = true;
+        requestSent_ = now;
+    }
 }
+
+unsigned Session::keepAliveInterval() const { return std::max(1u, silenceLimit_ / 4); }
 
 unsigned Session::silenceLimit() {
     const char* configured = hmxConfGet("SSH_SILENCE_TIMEOUT");

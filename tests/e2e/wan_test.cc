@@ -5,7 +5,9 @@
 #include <chrono>
 #include <fstream>
 #include <regex>
+#include <sstream>
 
+#include "ssh/ssh_transfer.h"
 #include "support/migration_host.h"
 #include "support/relay_process.h"
 
@@ -73,6 +75,17 @@ TEST_F(Wan, ASilentServerEndsTheRunAsALostConnection) {
     EXPECT_NE(std::string::npos, r.err.find("Lost connection with the remote host")) << r.err;
     // Two seconds of silence, found at the end of a wait of at most five.
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(15));
+}
+
+class Quiet : public SshdTest {};
+
+TEST_F(Quiet, ACommandSilentForLongerThanTheLimitIsNotALostConnection) {
+    testing::writeTextFile("/etc/hmx/hmx.conf", "SSH_SILENCE_TIMEOUT 2\n");
+    Ssh ssh(host(), user(), password(), false, port());
+    std::ostringstream out, err;
+    // The server answers the keep-alive requests while its command says nothing.
+    EXPECT_EQ(0, ssh.exec("sleep 7; echo done", out, err, false, Ssh::nullCounter));
+    EXPECT_EQ("done\n", out.str());
 }
 
 TEST_F(Wan, AConnectionCutMidTransferFailsAndARerunCompletes) {
