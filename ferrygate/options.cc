@@ -93,6 +93,8 @@ void readSudoPassword(config* cfg) {
     cfg->sudoPassword = password;
     sudoPasswordProvided = true;
     registerSecret(cfg->sudoPassword);
+    // Like the login password, it must not reach any process this one starts.
+    unsetenv("HMX_SUDO_PASSWORD");
 }
 
 [[noreturn]] void raiseMessage(const std::string& message) {

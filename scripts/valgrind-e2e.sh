@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Runs the end-to-end tests under valgrind: each test process, and every ferrygate binary a test
-# starts (tests/support/run_program honours FERRYGATE_WRAPPER), with a full leak check. Fails on
+# starts (tests/support/process honours FERRYGATE_WRAPPER), with a full leak check. Fails on
 # any failed test and on any memory error or definite or possible leak that valgrind reports.
 #
 #   bash scripts/valgrind-e2e.sh                (as root, like scripts/test.sh)
@@ -88,7 +88,7 @@ fi
 runs=$(find "$logs" -name 'ferrygate.*.log' | wc -l)
 echo "valgrind-e2e: ${#cases[@]} cases, $runs runs of ferrygate under valgrind"
 if [ "$runs" -eq 0 ]; then
-    # The tests start ferrygate through tests/support/run_program; none did under the wrapper.
+    # The tests start ferrygate through tests/support/process; none did under the wrapper.
     echo "valgrind-e2e: no ferrygate ran under valgrind" >&2
     failed=1
 fi

@@ -45,7 +45,6 @@ class FailingBuffer : public std::streambuf {
 TEST(CountMd5Sum, StreamThatFailsBeforeItsEndIsAReadError) {
     std::ifstream missing("/nonexistent/file");
     EXPECT_THROW(countMd5Sum(missing), Exc<&StreamRead>);
-
     FailingBuffer failing;
     std::istream broken(&failing);
     EXPECT_THROW(countMd5Sum(broken), Exc<&StreamRead>);
@@ -54,7 +53,6 @@ TEST(CountMd5Sum, StreamThatFailsBeforeItsEndIsAReadError) {
 TEST(Termination, OnceRequestedEveryCheckThrows) {
     EXPECT_NO_THROW(checkProgramTerminated());
     terminateProgram();
-    EXPECT_THROW(checkProgramTerminated(), MigrationTerminatedException);
     EXPECT_THROW(checkProgramTerminated(), MigrationTerminatedException);
     try {
         checkProgramTerminated();

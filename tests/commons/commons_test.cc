@@ -10,6 +10,7 @@
 #include <string>
 
 #include "commons/exceptions.h"
+#include "support/raised.h"
 #include "support/sandbox_env.h"
 #include "utils/files.h"
 #include "utils/read_configuration.h"
@@ -18,22 +19,13 @@ namespace tavik {
 namespace {
 
 using testing::inSandbox;
+using testing::messageOf;
 using testing::writeTextFile;
 
 struct stat statOf(const std::string& path) {
     struct stat st = {};
     EXPECT_EQ(0, lstat(path.c_str(), &st)) << path;
     return st;
-}
-
-template <class E, class F>
-std::string raised(F f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e.message();
-    }
-    return "nothing raised";
 }
 
 size_t openDescriptors() {
@@ -126,10 +118,10 @@ TEST_F(Commons, TemporaryNamesInAMissingDirectoryRaiseWithTheTemplate) {
     const std::string missing = base_ + "/missing";
     EXPECT_EQ("Can not create temporary file with the template '" + missing +
                   "/f.XXXXXX': No such file or directory.",
-              raised<Exc<&CantCreateTempFile>>([&] { RKU_getTempFileName(missing, "f."); }));
+              messageOf<&CantCreateTempFile>([&] { RKU_getTempFileName(missing, "f."); }));
     EXPECT_EQ("Can not create temporary dir with the template '" + missing +
                   "/d.XXXXXX': No such file or directory.",
-              raised<Exc<&CantCreateTempDir>>([&] { RKU_makeTempFileDirectory(missing, "d."); }));
+              messageOf<&CantCreateTempDir>([&] { RKU_makeTempFileDirectory(missing, "d."); }));
 }
 
 TEST(RandomPassword, SevenCharactersFromTheCallersSeed) {

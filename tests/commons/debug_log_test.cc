@@ -11,14 +11,12 @@
 
 #include "commons/exceptions.h"
 #include "commons/secrets.h"
-#include "ferrygate/session.h"
-#include "support/product_root.h"
 #include "support/sandbox_env.h"
 
 namespace tavik {
 namespace {
 
-using testing::readTextFile;
+using testing::readFile;
 using testing::ScratchDir;
 
 const std::string kShippedProperties = FERRYGATE_SOURCE_DIR "/data/log4cpp.properties";
@@ -55,11 +53,11 @@ TEST_F(DebugLogTest, WithoutDebugOnlyTheSessionLogReceivesLinesFromInfoUp) {
     ssh.debug("read 12 bytes");
     Log4cppDebugLog(false, false).log(boost::format("%1% rows") % 3);
 
-    const std::string log = readTextFile(logFile());
+    const std::string log = readFile(logFile());
     EXPECT_NE(std::string::npos, log.find(" [INFO] p.Ssh: connected to 127.0.0.1\n")) << log;
     EXPECT_NE(std::string::npos, log.find(" [INFO] p.log: 3 rows\n")) << log;
     EXPECT_EQ(std::string::npos, log.find("read 12 bytes")) << log;
-    EXPECT_EQ("", readTextFile(debugFile()));
+    EXPECT_EQ("", readFile(debugFile()));
 }
 
 TEST_F(DebugLogTest, WithDebugTheDebugAppenderReceivesEverything) {
@@ -67,19 +65,19 @@ TEST_F(DebugLogTest, WithDebugTheDebugAppenderReceivesEverything) {
     log4cpp::Category& agent = log4cpp::Category::getInstance("p.Agent");
     agent.debug("spec parsed");
     agent.error("agent failed");
-    const std::string debug = readTextFile(debugFile());
+    const std::string debug = readFile(debugFile());
     EXPECT_NE(std::string::npos, debug.find(" [DEBUG] p.Agent: spec parsed\n")) << debug;
     EXPECT_NE(std::string::npos, debug.find(" [ERROR] p.Agent: agent failed\n")) << debug;
-    EXPECT_EQ(std::string::npos, readTextFile(logFile()).find("spec parsed"));
+    EXPECT_EQ(std::string::npos, readFile(logFile()).find("spec parsed"));
 }
 
 TEST_F(DebugLogTest, ConfiguredOnceButTheDebugAppenderIsDetachedOnEveryCallWithoutDebug) {
     configureLog4Cpp(kShippedProperties, logFile(), true);
     configureLog4Cpp(kShippedProperties, dir_.path() + "/other.log", false);
     log4cpp::Category::getInstance("p.Action").info("once");
-    EXPECT_EQ(1, count(readTextFile(logFile()), "once"));
+    EXPECT_EQ(1, count(readFile(logFile()), "once"));
     EXPECT_FALSE(boost::filesystem::exists(dir_.path() + "/other.log"));
-    EXPECT_EQ("", readTextFile(debugFile()));
+    EXPECT_EQ("", readFile(debugFile()));
 }
 
 TEST_F(DebugLogTest, AMissingPropertiesFileIsLog4cppsFailureNamingTheFile) {
@@ -109,38 +107,16 @@ TEST_F(DebugLogTest, RegisteredPasswordsNeverReachAnyAppender) {
     debugLog.log(boost::format("%1%|%2%") % "Login-Pw" % "sudo pw 9");
 
     for (const std::string& file : {logFile(), debugFile()}) {
-        const std::string log = readTextFile(file);
+        const std::string log = readFile(file);
         EXPECT_EQ(std::string::npos, log.find("Login-Pw")) << file << ":\n" << log;
         EXPECT_EQ(std::string::npos, log.find("sudo pw 9")) << file << ":\n" << log;
         EXPECT_NE(std::string::npos, log.find("p.Ssh: stdin: ***\nls -l\n")) << log;
         EXPECT_NE(std::string::npos, log.find("p.log: ***|***\n")) << log;
         EXPECT_NE(std::string::npos, log.find("sudo is not allowed for user u-*** on host")) << log;
     }
-    const std::string debug = readTextFile(debugFile());
+    const std::string debug = readFile(debugFile());
     EXPECT_NE(std::string::npos, debug.find("p.Action: login with *** and ***\n")) << debug;
     EXPECT_NE(std::string::npos, debug.find("p.SendAgentAction: ***\n")) << debug;
-}
-
-TEST(DebugLogLifetime, UsesTheHostsPropertiesFileAndTheSessionLog) {
-    testing::ProductRoot product(kShippedProperties);
-    ScratchDir work;
-    SessionLifetimeController session(work.path() + "/session");
-    {
-        // The driver's mapping: --verbose is debug mode, and debug mode is never verbose.
-        DebugLogLifetimeController controller(true, true);
-        ASSERT_NE(nullptr, theDebugLog);
-        EXPECT_TRUE(theDebugLog->isDebugMode());
-        EXPECT_FALSE(theDebugLog->isVerboseMode());
-        theDebugLog->log("inside the session");
-    }
-    EXPECT_EQ(nullptr, theDebugLog);
-    {
-        DebugLogLifetimeController controller(true, false);
-        EXPECT_TRUE(theDebugLog->isVerboseMode());
-        EXPECT_FALSE(theDebugLog->isDebugMode());
-    }
-    EXPECT_NE(std::string::npos, readTextFile(work.path() + "/session/migration.log")
-                                     .find("[INFO] p.log: inside the session\n"));
 }
 
 }  // namespace

@@ -27,22 +27,7 @@ TEST(ExceptionModel, WhatIsTheFilledMessageAndRuntimeErrorWhatIsTheCode) {
                  static_cast<const std::runtime_error&>(e).std::runtime_error::what());
     EXPECT_EQ(__FILE__, e.file());
     EXPECT_NE(std::string::npos, e.context().find("TestBody"));
-}
-
-TEST(ExceptionModel, ParseFailedCarriesTheLongerCode) {
-    auto e = TAVIK_EXC(ParseFailed, "detail");
-    EXPECT_EQ("Agent::ParseFailed", e.code());
-    EXPECT_EQ("Unable to parse spec file: detail", e.message());
-}
-
-TEST(ExceptionModel, WrongDocNamesItsPlaceholdersOutOfOrder) {
-    auto e = TAVIK_EXC(tError_WrongDoc, "expected", "found");
-    EXPECT_EQ("The document has the wrong type, root node is <found>, but <expected> was expected",
-              e.message());
-}
-
-TEST(ExceptionModel, KindWithoutPlaceholderKeepsItsText) {
-    EXPECT_STREQ("Invalid handle passed", TAVIK_EXC(InvalidHandle).what());
+    EXPECT_EQ("Agent::ParseFailed", TAVIK_EXC(ParseFailed, "x").code());
 }
 
 TEST(ExceptionModel, VisitorSeesOuterThenEachCause) {
@@ -83,12 +68,14 @@ TEST(ExceptionModel, UntaggedBasesVisitCodeAndMessageOnly) {
     EXPECT_EQ(expected, v.calls);
 }
 
-TEST(ExceptionModel, CloneKeepsTheCauseAfterTheSourceIsGone) {
+TEST(ExceptionModel, ClonesAndCopiesOwnTheirCauseChain) {
     std::unique_ptr<ExTraceable> copy;
     {
         auto cause = TAVIK_EXC(FileWrite, "dump-name", "disk full");
         auto source = makeWrappedExc<&CantRetrieveDump>(cause, "ctx", "f.cc", 1);
         copy.reset(source.clone());
+        auto assigned = source;
+        EXPECT_NE(source.inner(), assigned.inner());
     }
     auto* wrapped = dynamic_cast<Exc<&CantRetrieveDump>*>(copy.get());
     ASSERT_NE(nullptr, wrapped);
@@ -97,27 +84,9 @@ TEST(ExceptionModel, CloneKeepsTheCauseAfterTheSourceIsGone) {
     EXPECT_NE(nullptr, dynamic_cast<const Exc<&FileWrite>*>(wrapped->inner()));
 }
 
-TEST(ExceptionModel, CopiesOwnTheirCauseChain) {
-    auto cause = TAVIK_EXC(StreamWrite);
-    auto a = makeWrappedExc<&CantRetrieveDump>(cause, "ctx", "f.cc", 1);
-    auto b = a;
-    EXPECT_NE(a.inner(), b.inner());
-    EXPECT_STREQ(a.inner()->what(), b.inner()->what());
-}
-
-TEST(ExceptionModel, EachKindIsCaughtByItsOwnType) {
-    try {
-        TAVIK_RAISE(ConnectionRefused, "h");
-    } catch (const Exc<&ConnectionTimedOut>&) {
-        FAIL() << "caught as the wrong kind";
-    } catch (const Exc<&ConnectionRefused>& e) {
-        EXPECT_STREQ("No one listening on the remote address at host h", e.what());
-    }
-}
-
+// A catch of our own kinds must never swallow a requested stop.
 TEST(ExceptionModel, TerminationStandsOutsideTheHierarchy) {
     MigrationTerminatedException e;
-    EXPECT_STREQ("Migration has been terminated", e.what());
     EXPECT_EQ(nullptr, dynamic_cast<const ExTraceable*>(static_cast<const std::exception*>(&e)));
 }
 

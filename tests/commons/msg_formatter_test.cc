@@ -5,8 +5,6 @@
 #include <string>
 
 #include "commons/exceptions.h"
-#include "support/xml_render.h"
-#include "xml/xml_wrap.h"
 
 namespace tavik {
 namespace {
@@ -33,13 +31,6 @@ TEST(PlainTextMessage, OneLinePerExceptionJoinedByTheInnerMarker) {
               formatPlainTextMessage(chain.outer));
 }
 
-TEST(PlainTextMessage, HostNotFoundIsCodeMessageAndPlaceWithoutTheSignature) {
-    const int line = __LINE__ + 1;
-    const auto e = TAVIK_EXC(HostNotFound, "src.example", "Unknown host");
-    EXPECT_EQ("HostNotFound: Unable to resolve hostname src.example: Unknown host" + place(line),
-              formatPlainTextMessage(e));
-}
-
 TEST(PlainTextMessage, ACauseWithoutAPlaceKeepsThePlaceOfItsWrapper) {
     ExTraceable bare("Bare", "lost %1%");
     bare % 7;
@@ -48,22 +39,6 @@ TEST(PlainTextMessage, ACauseWithoutAPlaceKeepsThePlaceOfItsWrapper) {
     EXPECT_EQ("CantRetrieveDump: Error during dump retrieval" + place(line) +
                   "\nInner exception:\nBare: lost 7" + place(line),
               formatPlainTextMessage(e));
-}
-
-TEST(XmlMessage, EachCauseIsANestedMessageAfterTheTextOfItsWrapper) {
-    TwoLevelChain chain;
-    tXmlRkuDocument doc;
-    doc.initNewDoc("message");
-    XmlMsgFormatter formatter(doc, doc.getRootNode());
-    chain.outer.accept(formatter);
-    EXPECT_EQ("message[code=CantRetrieveDump,severity=error](context:void retrieve(),file:" +
-                  std::string(__FILE__) +
-                  ",line:4321,text:Error during dump retrieval,"
-                  "message[code=FileWrite,severity=error](context:" +
-                  chain.cause.context() + ",file:" + __FILE__ +
-                  ",line:" + std::to_string(chain.innerLine) +
-                  ",text:Error during /s/dump.xml write: No space left on device))",
-              testing::renderElement(doc.getRootNode()));
 }
 
 }  // namespace

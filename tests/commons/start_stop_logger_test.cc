@@ -9,17 +9,16 @@
 #include <vector>
 
 #include "commons/debug_log.h"
-#include "support/product_root.h"
 #include "support/sandbox_env.h"
 
 namespace tavik {
 namespace {
 
-using testing::readTextFile;
+using testing::readFile;
 // The messages of the log file, without date, priority and category.
 std::vector<std::string> messages(const std::string& path) {
     std::vector<std::string> result;
-    std::istringstream in(readTextFile(path));
+    std::istringstream in(readFile(path));
     const std::string prefix = "[INFO] p.log: ";
     for (std::string line; std::getline(in, line);) {
         const size_t at = line.find(prefix);

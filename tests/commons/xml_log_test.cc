@@ -7,7 +7,6 @@
 #include <string>
 
 #include "commons/exceptions.h"
-#include "ferrygate/session.h"
 #include "support/sandbox_env.h"
 #include "support/xml_render.h"
 #include "xml/xml_wrap.h"
@@ -88,18 +87,6 @@ TEST_F(XmlLogTest, AFailedSaveFailsTheEndUnlessAnotherFailureIsAlreadyOnItsWay) 
     } catch (const std::runtime_error& e) {
         EXPECT_STREQ("the action failed", e.what());
     }
-}
-
-TEST(LogLifetime, PublishesTheLogAndWritesTheSessionsResultFile) {
-    ScratchDir work;
-    SessionLifetimeController session(work.path() + "/s");
-    {
-        LogLifetimeController controller;
-        ASSERT_NE(nullptr, theLog);
-        theLog->setSuccess(true);
-    }
-    EXPECT_EQ(nullptr, theLog);
-    EXPECT_EQ("execution-result[status=success]", resultTree(work.path() + "/s/migration.result"));
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 
 #include <boost/filesystem.hpp>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -20,19 +19,6 @@ namespace fs = boost::filesystem;
 class Migration : public MigrationTest {
   protected:
     Migration() : MigrationTest(FERRYGATE_BINARY) {}
-
-    // Every content archive that dump.xml names, with its MD5 sum.
-    std::vector<std::pair<std::string, std::string>> contentOfDump() {
-        std::vector<std::pair<std::string, std::string>> files;
-        const std::string dump = readFile(sessionFile("dump.xml"));
-        const std::regex content(
-            "<content file=\"([^\"]+)\" size=\"[0-9]+\" unpacked=\"[0-9]+\" "
-            "md5sum=\"([0-9a-f]{32})\"/>");
-        for (std::sregex_iterator it(dump.begin(), dump.end(), content), end; it != end; ++it) {
-            files.emplace_back((*it)[1], (*it)[2]);
-        }
-        return files;
-    }
 
     void expectOwnedByLogin(const std::string& path) {
         struct stat st;
@@ -80,13 +66,13 @@ class Migration : public MigrationTest {
         EXPECT_EQ(0, valid.status) << valid.out << valid.err;
         expectIdleAndSucceeded();
 
-        const auto archives = contentOfDump();
+        const auto archives = dumpArchives();
         ASSERT_EQ(4u, archives.size());
         r = ferrygate({"--get-content", "--verbose"}, sudo);
         ASSERT_EQ(0, r.status) << r.err;
         for (const auto& archive : archives) {
-            EXPECT_EQ(archive.second, md5OfFile(sessionFile(archive.first))) << archive.first;
-            EXPECT_FALSE(fs::exists(remoteAgent_ + "/content/" + archive.first));
+            EXPECT_EQ(archive.md5, md5OfFile(sessionFile(archive.name))) << archive.name;
+            EXPECT_FALSE(fs::exists(remoteAgent_ + "/content/" + archive.name));
         }
         EXPECT_EQ(session_ + "/dump.xml", readFile(sessionFile("dump-name")));
         const std::string unpacked = session_ + "/unpacked";
@@ -167,47 +153,49 @@ TEST_F(Migration, TheAgentGetsTheSelectionAsArgumentsAndInputLines) {
 }
 
 TEST_F(Migration, FailuresEndWithTheirOwnCodeAndMessage) {
-    const std::string base = "--session-path=" + session_;
-    const std::vector<std::string> login = {"--login=" + user(), base, "--send-scout"};
-
     ASSERT_EQ(0, ferrygate({"--deploy-agent"}).status);
     ProcessResult r = ferrygate({"--dump-all", "--agent-name=nosuchagent"});
     EXPECT_EQ(2, r.status);
     EXPECT_EQ("Error during dump retrieval", r.err);
     const std::string result = readFile(sessionFile("migration.result"));
-    const auto outer = result.find("CantRetrieveDump");
-    EXPECT_NE(std::string::npos, outer) << result;
-    EXPECT_NE(std::string::npos, result.find("AgentNotFound", outer)) << result;
     EXPECT_NE(std::string::npos, result.find("status=\"error\"")) << result;
+    EXPECT_NE(std::string::npos, result.find("AgentNotFound", result.find("CantRetrieveDump")))
+        << result;
 
-    r = ferrygate({"--send-scout"}, true);
-    EXPECT_EQ(0, r.status) << r.err;
-    std::vector<std::string> wrongSudo = {"--host=127.0.0.1",  "--port=" + std::to_string(port()),
-                                          "--login=" + user(), base,
-                                          "--send-scout",      "--sudo-password"};
-    r = ferrygateRaw(wrongSudo, {"HMX_PASSWORD=" + password(), "HMX_SUDO_PASSWORD=wrong"});
-    EXPECT_EQ(2, r.status);
-    EXPECT_EQ("sudo is not allowed for user " + user() + " on host 127.0.0.1.", r.err);
-
-    std::vector<std::string> args = {"--host=127.0.0.1", "--port=" + std::to_string(port())};
-    args.insert(args.end(), login.begin(), login.end());
-    r = ferrygateRaw(args, {"HMX_PASSWORD=" + password() + "x"});
-    EXPECT_EQ(17, r.status);
-    EXPECT_EQ(
-        "Unable to connect to host 127.0.0.1: you have specified incorrect username or "
-        "password",
-        r.err);
-
-    args[0] = "--host=nowhere.invalid";
-    r = ferrygateRaw(args, {"HMX_PASSWORD=" + password()});
-    EXPECT_EQ(16, r.status);
-    EXPECT_EQ(0u, r.err.find("Unable to resolve hostname nowhere.invalid: ")) << r.err;
-    EXPECT_NE('\n', r.err.back());
+    // The scout connects with the login alone; each row changes one thing of a good run.
+    const std::string portArg = "--port=" + std::to_string(port());
+    const struct {
+        std::string host, password, sudo;
+        int code;
+        std::string message;  // all of standard error, or its start when it ends in ": "
+    } cases[] = {
+        {"127.0.0.1", password(), sudoPassword_, 0, ""},
+        {"127.0.0.1", password(), "wrong", 2,
+         "sudo is not allowed for user " + user() + " on host 127.0.0.1."},
+        {"127.0.0.1", password() + "x", "", 17,
+         "Unable to connect to host 127.0.0.1: you have specified incorrect username or password"},
+        {"nowhere.invalid", password(), "", 16, "Unable to resolve hostname nowhere.invalid: "},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> args = {"--host=" + c.host, portArg, "--login=" + user(),
+                                         "--session-path=" + session_, "--send-scout"};
+        std::vector<std::string> env = {"HMX_PASSWORD=" + c.password};
+        if (!c.sudo.empty()) {
+            args.push_back("--sudo-password");
+            env.push_back("HMX_SUDO_PASSWORD=" + c.sudo);
+        }
+        r = ferrygateRaw(args, env);
+        EXPECT_EQ(c.code, r.status) << c.message;
+        const bool prefix = c.message.size() > 2 && c.message.substr(c.message.size() - 2) == ": ";
+        EXPECT_EQ(c.message, prefix ? r.err.substr(0, c.message.size()) : r.err);
+        EXPECT_FALSE(prefix && !r.err.empty() && r.err.back() == '\n') << r.err;
+    }
 
     // The server's port is free once it is stopped.
     sshd().stop();
-    args[0] = "--host=127.0.0.1";
-    r = ferrygateRaw(args, {"HMX_PASSWORD=" + password()});
+    r = ferrygateRaw({"--host=127.0.0.1", portArg, "--login=" + user(),
+                      "--session-path=" + session_, "--send-scout"},
+                     {"HMX_PASSWORD=" + password()});
     EXPECT_EQ(11, r.status);
     EXPECT_EQ("No one listening on the remote address at host 127.0.0.1", r.err);
     EXPECT_EQ("", r.out);

@@ -5,19 +5,21 @@
 #include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
-#include <fstream>
 #include <memory>
 #include <sstream>
 
 #include "commons/exceptions.h"
 #include "ferrygate/session.h"
 #include "support/fake_ssh.h"
+#include "support/raised.h"
 #include "support/sandbox_env.h"
 
 namespace tavik {
 namespace {
 
 using testing::FakeSsh;
+using testing::messageOf;
+using testing::readFile;
 using testing::Reply;
 using testing::ScratchDir;
 using testing::SentCommand;
@@ -27,13 +29,6 @@ class NoOpAction : public Action {
     NoOpAction() : Action(true) {}
     void execute() override {}
 };
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 class ActionBase : public ::testing::Test {
   protected:
@@ -120,22 +115,18 @@ TEST_F(ActionBase, SudoFailuresAreReportedAndProbedAgain) {
         {"sudo -k; sudo -S -p ' ' true", "sudo is not allowed for user mover on host src.example."},
     };
     for (const Case& c : cases) {
-        std::string failing = c.failing;
         std::unique_ptr<NoOpAction> action =
-            makeAction([failing](const std::string& cmd, const std::string&) {
-                Reply reply;
-                reply.status = cmd == failing ? 1 : 0;
-                return reply;
-            });
+            makeAction(FakeSsh::answer(c.failing, Reply{1, "", ""}));
         for (int attempt = 0; attempt < 2; ++attempt) {
             sent_.clear();
+            std::string message = "nothing raised";
             try {
                 run(*action, "ls -l", "");
-                ADD_FAILURE() << "no error for " << failing;
             } catch (const ExTraceable& e) {
-                EXPECT_EQ(c.message, std::string(e.what()));
+                message = e.what();
             }
-            EXPECT_EQ(failing, sent_.back().command);
+            EXPECT_EQ(c.message, message);
+            EXPECT_EQ(c.failing, sent_.back().command);
         }
     }
 }
@@ -143,20 +134,10 @@ TEST_F(ActionBase, SudoFailuresAreReportedAndProbedAgain) {
 TEST_F(ActionBase, TakingAFileThatWillNotChangeOwnerReportsWhy) {
     cfg_.sudo = true;
     cfg_.sudoPassword = "pw";
-    std::unique_ptr<NoOpAction> action = makeAction([](const std::string& cmd, const std::string&) {
-        Reply reply;
-        if (cmd.find("chown") != std::string::npos) {
-            reply.status = 1;
-            reply.err = "chown: not permitted";
-        }
-        return reply;
-    });
-    try {
-        action->takeFile("/opt/a b/dump.xml");
-        ADD_FAILURE() << "no error";
-    } catch (const Exc<&CantTakeFileOwnership>& e) {
-        EXPECT_STREQ("Cannot take ownership of /opt/a b/dump.xml: chown: not permitted", e.what());
-    }
+    std::unique_ptr<NoOpAction> action =
+        makeAction(FakeSsh::answer("chown", Reply{1, "", "chown: not permitted"}));
+    EXPECT_EQ("Cannot take ownership of /opt/a b/dump.xml: chown: not permitted",
+              messageOf<&CantTakeFileOwnership>([&] { action->takeFile("/opt/a b/dump.xml"); }));
     EXPECT_NE(std::string::npos,
               sent_.back().command.find("chown\\ mover\\ /opt/a\\\\\\ b/dump.xml"))
         << sent_.back().command;
@@ -186,14 +167,9 @@ TEST(ActionPaths, FreeSpaceIsWhatTheFileSystemStillHas) {
     testing::writeTextFile(dir.path() + "/quarter", std::string(256 * 1024, 'x'));
     EXPECT_EQ(768u * 1024u, getFreeSpace(dir.path()));
     umount(dir.path().c_str());
-    try {
-        getFreeSpace(dir.path() + "/missing");
-        ADD_FAILURE() << "no error";
-    } catch (const Exc<&CantStatFS>& e) {
-        EXPECT_EQ("Cannot stat filesystem containing " + dir.path() +
-                      "/missing: No such file or directory",
-                  std::string(e.what()));
-    }
+    EXPECT_EQ(
+        "Cannot stat filesystem containing " + dir.path() + "/missing: No such file or directory",
+        messageOf<&CantStatFS>([&] { getFreeSpace(dir.path() + "/missing"); }));
 }
 
 TEST_F(ActionBase, TheAlarmCopiesTheDumpingStatusAndStopsAfterAFailure) {

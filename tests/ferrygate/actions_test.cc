@@ -3,30 +3,25 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <memory>
 #include <sstream>
 
 #include "commons/exceptions.h"
 #include "ferrygate/session.h"
 #include "support/fake_ssh.h"
+#include "support/raised.h"
 #include "support/sandbox_env.h"
 
 namespace tavik {
 namespace {
 
+using testing::caught;
 using testing::FakeSsh;
+using testing::readFile;
 using testing::Reply;
 using testing::ScratchDir;
 using testing::SentCommand;
 using testing::writeTextFile;
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 class Actions : public ::testing::Test {
   protected:
@@ -75,11 +70,7 @@ TEST_F(Actions, DeploymentSendsTheTreesButNoControlDirectory) {
     writeTextFile(agents_ + "/probe/probe.pl", "print 1;\n");
     writeTextFile(agents_ + "/probe/lib/control/keep", "x");
     SendAgentAction deploy;
-    run(deploy, [](const std::string& cmd, const std::string&) {
-        Reply reply;
-        if (cmd.find("get-status") != std::string::npos) reply.out = "<agentstatus/>";
-        return reply;
-    });
+    run(deploy, FakeSsh::answer("get-status", Reply{0, "<agentstatus/>", ""}));
     const std::string sent = commands();
     EXPECT_NE(std::string::npos, sent.find("cat > /srv/agent/Common.pm\n"));
     EXPECT_NE(std::string::npos, sent.find("cat > /srv/agent/probe.pl\n"));
@@ -97,49 +88,29 @@ TEST_F(Actions, AFailingStatusRequestLeavesAnEmptyDeploymentStatus) {
     writeTextFile(agents_ + "/probe/control/spec", "EntryPoint: probe.pl\n");
     writeTextFile(theSession->getDeploymentStatusFileName(), "<agentstatus>old</agentstatus>");
     SendAgentAction deploy;
-    try {
-        run(deploy, [](const std::string& cmd, const std::string&) {
-            Reply reply;
-            if (cmd.find("get-status") != std::string::npos) {
-                reply.status = 2;
-                reply.err = "perl: not found";
-            }
-            return reply;
-        });
-        ADD_FAILURE() << "no error";
-    } catch (const Exc<&CantRequestAgentStatus>& e) {
-        EXPECT_NE(std::string::npos, std::string(e.what()).find(": perl: not found"));
-    }
+    const std::string message = testing::messageOf<&CantRequestAgentStatus>([&] {
+        run(deploy, FakeSsh::answer("get-status", Reply{2, "", "perl: not found"}));
+    });
+    EXPECT_NE(std::string::npos, message.find(": perl: not found")) << message;
     EXPECT_EQ("", readFile(theSession->getDeploymentStatusFileName()));
 }
 
 TEST_F(Actions, TheDumpCommandNamesTheAgentAndItsArguments) {
     RetrieveDumpAction unknown({"--dump-all"}, "");
-    try {
-        run(unknown);
-        ADD_FAILURE() << "no error";
-    } catch (const Exc<&CantRetrieveDump>& e) {
-        ASSERT_NE(nullptr, e.inner());
-        EXPECT_EQ("AgentNotFound", e.inner()->code());
-    }
+    const auto e = caught<&CantRetrieveDump>([&] { run(unknown); });
+    ASSERT_NE(nullptr, e.inner());
+    EXPECT_EQ("AgentNotFound", e.inner()->code());
     EXPECT_EQ("", commands());
 
     writeTextFile(agents_ + "/probe/control/spec", "EntryPoint: run me.pl\n");
     cfg_.noContent = true;
     RetrieveDumpAction failing({"--dump-domains=-", "a;b"}, "d1,d2");
-    try {
-        run(failing, [](const std::string&, const std::string&) {
-            Reply reply;
-            reply.status = 1;
-            return reply;
-        });
-        ADD_FAILURE() << "no error";
-    } catch (const Exc<&CantRetrieveDumpFile>& e) {
-        EXPECT_STREQ(
-            "Error during dump file retrieving. \nRemote agent failed with the following stderr "
-            "messages: ",
-            e.what());
-    }
+    EXPECT_EQ(
+        "Error during dump file retrieving. \nRemote agent failed with the following stderr "
+        "messages: ",
+        testing::messageOf<&CantRetrieveDumpFile>([&] {
+            run(failing, FakeSsh::answer("", Reply{1, "", ""}));
+        }));
     stopStatusRefresh();
     ASSERT_EQ(1u, sent_.size()) << "a download followed the failed dump";
     EXPECT_EQ(
@@ -159,11 +130,7 @@ TEST_F(Actions, RemovingTheAgentNeverFails) {
 
     cfg_.sudo = true;
     RemoveAgentAction withoutSudo;
-    EXPECT_NO_THROW(run(withoutSudo, [](const std::string&, const std::string&) {
-        Reply reply;
-        reply.status = 127;
-        return reply;
-    }));
+    EXPECT_NO_THROW(run(withoutSudo, FakeSsh::answer("", Reply{127, "", ""})));
     EXPECT_EQ("sudo -V", sent_.back().command);
 }
 

@@ -5,19 +5,35 @@
 #include <boost/filesystem.hpp>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
+#include "support/process.h"
 #include "support/product_root.h"
-#include "support/run_program.h"
 #include "support/sandbox_env.h"
 
 namespace tavik {
 namespace {
 
+using test::ProcessResult;
 using testing::addSystemAccount;
 using testing::inSandbox;
-using testing::ProgramResult;
-using testing::runProgram;
+using testing::readFile;
 using testing::ScratchDir;
+
+const char kShippedLogProperties[] = FERRYGATE_SOURCE_DIR "/data/log4cpp.properties";
+
+// The binary with `args`, run in `cwd`.
+ProcessResult run(const std::vector<std::string>& args, const std::string& cwd) {
+    std::vector<std::string> argv = {FERRYGATE_BINARY};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return test::runProcess(argv, "", {}, cwd);
+}
+
+size_t find(const std::string& text, const std::string& what, size_t from = 0) {
+    const size_t at = text.find(what, from);
+    EXPECT_NE(std::string::npos, at) << "no \"" << what << "\" in:\n" << text;
+    return at;
+}
 
 const char kUsage[] =
     "Usage: [HMX_PASSWORD=<password> | HMX_SUDO_PASSWORD = <sudo_password>] ferrygate \n"
@@ -52,45 +68,62 @@ TEST(Driver, HelpPrintsTheUsageAndCreatesNothing) {
     // A password in the environment does not matter: help is answered before verification.
     setenv("HMX_PASSWORD", "pw", 1);
     for (const char* help : {"--help", "-h"}) {
-        ProgramResult r = runProgram(FERRYGATE_BINARY, {help, "--session-path", "s"}, cwd.path());
-        EXPECT_EQ(0, r.exitCode) << help;
+        ProcessResult r = run({help, "--session-path", "s"}, cwd.path());
+        EXPECT_EQ(0, r.status) << help;
         EXPECT_EQ(kUsage, r.out) << help;
         EXPECT_EQ("", r.err) << help;
         EXPECT_TRUE(isEmptyDir(cwd.path())) << help;
     }
 }
 
-TEST(Driver, RejectedOptionsLeaveTheSessionDirectoryStandingWithItsMode) {
-    ASSERT_TRUE(inSandbox());
+// A refused command line still leaves the session directory (root, group hmxadm, 0750) and
+// its log, where the refusal stands between the start and the end records.
+TEST(Driver, AVerificationFailureIsRecordedInTheSessionLog) {
     ASSERT_TRUE(addSystemAccount("hmxadm"));
-    testing::ProductRoot product(FERRYGATE_SOURCE_DIR "/data/log4cpp.properties");
+    testing::ProductRoot product(kShippedLogProperties);
     ScratchDir cwd;
-    ProgramResult r = runProgram(
-        FERRYGATE_BINARY, {"--send-scout", "--send-scout", "--session-path", "S"}, cwd.path());
-    EXPECT_EQ(1, r.exitCode);
-    EXPECT_EQ("", r.out);
-    EXPECT_EQ("", r.err);
+    ProcessResult r = run({"--send-scout", "--session-path", "S"}, cwd.path());
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("", r.out + r.err);
     struct stat st = {};
     ASSERT_EQ(0, stat((cwd.path() + "/S").c_str(), &st));
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-    EXPECT_EQ(0750u, st.st_mode & 07777);
+    EXPECT_EQ(S_IFDIR | 0750u, st.st_mode);
     EXPECT_EQ(getpwnam("hmxadm")->pw_uid, st.st_gid);
     EXPECT_TRUE(boost::filesystem::is_directory(cwd.path() + "/S/archives"));
+
+    const std::string log = readFile(cwd.path() + "/S/migration.log");
+    const std::string end = "[INFO] p.log: Ferrygate finished. Exit code: 1\n";
+    size_t at = find(log, std::string(" [INFO] p.log: Ferrygate started : ") + FERRYGATE_BINARY +
+                              " --send-scout --session-path S\n");
+    at = find(log,
+              "[INFO] p.log: OptParsingError: Unable to parse command line: host is required "
+              "unless --help or -h requested\n [",
+              at);
+    at = find(log, "/ferrygate/options.cc:", at);
+    EXPECT_EQ(log.size(), find(log, end, at) + end.size());
+    EXPECT_EQ("", readFile(cwd.path() + "/S/migration.log.debug"));
+
+    // --verbose means the debug log, never messages on the console.
+    r = run({"--send-scout", "--session-path=V", "--verbose"}, cwd.path());
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("", r.out + r.err);
+    const std::string debug = readFile(cwd.path() + "/V/migration.log.debug");
+    find(debug, "p.log: Ferrygate started : ");
+    find(debug, "p.log: " + end.substr(end.find("Ferrygate")));
 }
 
 TEST(Driver, EarlyChecksAnswerBeforeAnySessionExists) {
     ScratchDir cwd;
-    ProgramResult r = runProgram(FERRYGATE_BINARY, {"--session-path", "S"}, cwd.path());
-    EXPECT_EQ(1, r.exitCode);
+    ProcessResult r = run({"--session-path", "S"}, cwd.path());
+    EXPECT_EQ(1, r.status);
     EXPECT_EQ("Action required. See --help\n", r.err);
 
-    r = runProgram(FERRYGATE_BINARY, {"--send-scout", "--host=h"}, cwd.path());
-    EXPECT_EQ(1, r.exitCode);
+    r = run({"--send-scout", "--host=h"}, cwd.path());
+    EXPECT_EQ(1, r.status);
     EXPECT_EQ("--session-path is required.\n", r.err);
 
-    r = runProgram(FERRYGATE_BINARY, {"--send-scout", "--no-such-option", "--session-path=S"},
-                   cwd.path());
-    EXPECT_EQ(1, r.exitCode);
+    r = run({"--send-scout", "--no-such-option", "--session-path=S"}, cwd.path());
+    EXPECT_EQ(1, r.status);
     EXPECT_NE(std::string::npos, r.err.find("no-such-option"));
     EXPECT_EQ("", r.out);
     EXPECT_TRUE(isEmptyDir(cwd.path()));
@@ -101,14 +134,24 @@ TEST(Driver, AnUncreatableSessionIsReportedAsUncaught) {
     ASSERT_TRUE(addSystemAccount("hmxadm"));
     ScratchDir cwd;
     testing::writeTextFile(cwd.path() + "/file", "");
-    ProgramResult r =
-        runProgram(FERRYGATE_BINARY, {"--send-scout", "--session-path=file"}, cwd.path());
-    EXPECT_EQ(1, r.exitCode);
+    ProcessResult r = run({"--send-scout", "--session-path=file"}, cwd.path());
+    EXPECT_EQ(1, r.status);
     EXPECT_EQ(0u, r.err.find("Uncaught ExTraceableException: ")) << r.err;
     EXPECT_NE(std::string::npos,
               r.err.find("UnableToCreateSession: Unable to create session: Unable to create "
                          "session directory ["))
         << r.err;
+}
+
+TEST(Driver, WithoutTheLogConfigurationTheRunStopsAtTheLastResortHandler) {
+    ASSERT_TRUE(addSystemAccount("hmxadm"));
+    ScratchDir product;
+    testing::writeTextFile("/etc/hmx/hmx.conf", "PRODUCT_ROOT_D " + product.path() + "\n");
+    ScratchDir cwd;
+    ProcessResult r = run({"--send-scout", "--session-path", "S"}, cwd.path());
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ(0u, r.err.find("Uncaught std::exception: ")) << r.err;
+    find(r.err, product.path() + "/RKU/log4cpp.properties");
 }
 
 }  // namespace

@@ -90,23 +90,23 @@ TEST_F(DumpOptionsTest, OnlyTheFileFormatsOwnSpellingsSetFilterAndCompression) {
 }
 
 TEST_F(DumpOptionsTest, ListsBecomeLinesOnlyForTheArgumentsGiven) {
-    cfg_.domains = "a,b";
-    Prepared p = prepare(cfg_);
-    EXPECT_EQ((Args{"--dump-domains=-", "--include-app-distrib"}), p.args);
-    EXPECT_EQ("a,b", p.input);
-
-    cfg_.domains.clear();
-    cfg_.clients = "c";
-    cfg_.resellers = "r";
-    p = prepare(cfg_);
-    EXPECT_EQ((Args{"--dump-clients=-", "--dump-resellers=-", "--include-app-distrib"}), p.args);
-    EXPECT_EQ("c\nr", p.input);
-
-    cfg_.clients.clear();
-    cfg_.resellers.clear();
-    p = prepare(cfg_);
-    EXPECT_EQ((Args{"--include-app-distrib"}), p.args);
-    EXPECT_EQ("", p.input);
+    const struct {
+        const char *domains, *clients, *resellers;
+        Args args;
+        const char* input;
+    } cases[] = {
+        {"a,b", "", "", {"--dump-domains=-", "--include-app-distrib"}, "a,b"},
+        {"", "c", "r", {"--dump-clients=-", "--dump-resellers=-", "--include-app-distrib"}, "c\nr"},
+        {"", "", "", {"--include-app-distrib"}, ""},
+    };
+    for (const auto& c : cases) {
+        cfg_.domains = c.domains;
+        cfg_.clients = c.clients;
+        cfg_.resellers = c.resellers;
+        const Prepared p = prepare(cfg_);
+        EXPECT_EQ(c.args, p.args) << c.input;
+        EXPECT_EQ(c.input, p.input);
+    }
 }
 
 TEST_F(DumpOptionsTest, RsyncConnectionLinesComeFirstAndDumpAllIgnoresTheSelection) {

@@ -17,18 +17,10 @@ namespace fs = boost::filesystem;
 
 namespace {
 
+using tavik::fuzz::splitLines;
+
 const char kAgentName[] = "agent";
 fs::path agentsDir;
-
-std::vector<std::string> splitLines(const std::string& text) {
-    std::vector<std::string> lines;
-    size_t start = 0;
-    for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
-        lines.push_back(text.substr(start, end - start));
-    }
-    lines.push_back(text.substr(start));
-    return lines;
-}
 
 // A refused line is named by its number, counting the empty lines that were skipped.
 void checkRefusal(const std::string& message, const std::string& specFile,

@@ -25,22 +25,14 @@ namespace fs = boost::filesystem;
 
 namespace {
 
+using tavik::fuzz::splitLines;
+
 struct DocFree {
     void operator()(xmlDoc* doc) const { xmlFreeDoc(doc); }
 };
 struct XmlFree {
     void operator()(xmlChar* text) const { xmlFree(text); }
 };
-
-std::vector<std::string> splitLines(const std::string& text) {
-    std::vector<std::string> lines;
-    size_t start = 0;
-    for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
-        lines.push_back(text.substr(start, end - start));
-    }
-    lines.push_back(text.substr(start));
-    return lines;
-}
 
 // The library sees C strings: a value ends at its first NUL.
 std::string cut(const std::string& value) { return value.substr(0, value.find('\0')); }

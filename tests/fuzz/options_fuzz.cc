@@ -16,20 +16,12 @@
 
 namespace {
 
+using tavik::fuzz::splitLines;
+
 const char kSudoPassword[] = "Fz-sudo-9f3e1a";
 // The login password reader keeps the first value it saw for the rest of the process, so
 // every run gets the same one; a different one per run would make the runs depend on order.
 const char kLoginPassword[] = "Fz-login-27c4b0";
-
-std::vector<std::string> splitLines(const std::string& input) {
-    std::vector<std::string> lines;
-    size_t start = 0;
-    for (size_t end; (end = input.find('\n', start)) != std::string::npos; start = end + 1) {
-        lines.push_back(input.substr(start, end - start));
-    }
-    lines.push_back(input.substr(start));
-    return lines;
-}
 
 bool connects(int action) {
     return action != tavik::ACTION_REMOVE_DUMPING_STATUS && action != tavik::ACTION_HELP;

@@ -26,18 +26,17 @@ TEST(Idn, EmailKeepsItsLocalPartAndConvertsItsDomain) {
 }
 
 TEST(Idn, FailuresCarryTheLibrarysCodeAndText) {
-    try {
-        idn::toAscii(std::string(64, 'a') + ".example");
-        FAIL() << "a 64-byte label is too long";
-    } catch (const idn::IdnaError& e) {
-        EXPECT_STREQ("Output would be too large or too small", e.what());
-    }
-    try {
-        idn::toUtf8("\xff\xfe.example");
-        FAIL() << "bytes that are not UTF-8 cannot convert";
-    } catch (const idn::IdnaError& e) {
-        EXPECT_STREQ("Character encoding conversion error", e.what());
-    }
+    auto failure = [](std::string (*convert)(const std::string&), const std::string& text) {
+        try {
+            convert(text);
+        } catch (const idn::IdnaError& e) {
+            return std::string(e.what());
+        }
+        return std::string("converted");
+    };
+    EXPECT_EQ("Output would be too large or too small",
+              failure(idn::toAscii, std::string(64, 'a') + ".example"));
+    EXPECT_EQ("Character encoding conversion error", failure(idn::toUtf8, "\xff\xfe.example"));
 }
 
 }  // namespace

@@ -13,17 +13,14 @@ namespace tavik {
 namespace {
 
 TEST(ShellQuote, EscapesTheShellsSpecialCharactersOnly) {
+    // Correctness is the round trip below; these pin the exact forms that commands carry.
     const std::pair<std::string, std::string> cases[] = {
         {"", ""},
-        {"a;b", "a\\;b"},
-        {"$HOME", "\\$HOME"},
-        {"x!y", "x!y"},
         {"/var/my dir", "/var/my\\ dir"},
-        {"'", "\\'"},
         {"a\nb", "a'\n'b"},
-        {"\t\"#&()*<>?[\\`|~", "\\\t\\\"\\#\\&\\(\\)\\*\\<\\>\\?\\[\\\\\\`\\|\\~"},
-        {"-+,./:=@]^_%", "-+,./:=@]^_%"},
-        {"{a,b}", "\\{a,b\\}"},
+        {"x!y-+,./:=@]^_%", "x!y-+,./:=@]^_%"},
+        {"\t\"#&()*<>?[\\`|~{}$;'",
+         "\\\t\\\"\\#\\&\\(\\)\\*\\<\\>\\?\\[\\\\\\`\\|\\~\\{\\}\\$\\;\\'"},
         {"\xc3\xa9t\xe9", "\xc3\xa9t\xe9"},
     };
     for (const auto& c : cases) {
@@ -90,18 +87,6 @@ TEST(ShellQuote, RandomWordsComeBackWholeFromDashAndBash) {
     }
 }
 
-class ShellQuoteOverSsh : public test::SshdTest {};
-
-TEST_F(ShellQuoteOverSsh, RandomWordsComeBackWholeThroughTheLoginShell) {
-    Ssh ssh(host(), user(), password(), false, port());
-    for (unsigned batch = 100; batch < 103; ++batch) {
-        const std::vector<std::string> words = randomWords(300, batch);
-        std::ostringstream out, err;
-        ASSERT_EQ(0, ssh.exec(printEach(words), out, err, true, Ssh::nullCounter)) << err.str();
-        ASSERT_TRUE(joined(words) == out.str()) << "the login shell changed a word";
-    }
-}
-
 class ShellQuoteOverDash : public test::SshdTest {
     test::SshdOptions sshdOptions() const override {
         test::SshdOptions options;
@@ -110,12 +95,15 @@ class ShellQuoteOverDash : public test::SshdTest {
     }
 };
 
+// The command line goes through the login shell of the source host, here the strictest one.
 TEST_F(ShellQuoteOverDash, RandomWordsComeBackWholeThroughDashAsLoginShell) {
     Ssh ssh(host(), user(), password(), false, port());
-    const std::vector<std::string> words = randomWords(300, 200);
-    std::ostringstream out, err;
-    ASSERT_EQ(0, ssh.exec(printEach(words), out, err, true, Ssh::nullCounter)) << err.str();
-    EXPECT_TRUE(joined(words) == out.str()) << "dash changed a word";
+    for (unsigned batch = 100; batch < 103; ++batch) {
+        const std::vector<std::string> words = randomWords(300, batch);
+        std::ostringstream out, err;
+        ASSERT_EQ(0, ssh.exec(printEach(words), out, err, true, Ssh::nullCounter)) << err.str();
+        ASSERT_TRUE(joined(words) == out.str()) << "dash changed a word of batch " << batch;
+    }
 }
 
 }  // namespace

@@ -38,6 +38,13 @@ class FakeSsh : public Ssh {
     int exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
              bool quietOutput, bool quietInput, Counter& counter) override;
 
+    // Answers `reply` to every command that contains `part`, and status 0 to the others.
+    static Responder answer(const std::string& part, const Reply& reply) {
+        return [part, reply](const std::string& command, const std::string&) {
+            return command.find(part) != std::string::npos ? reply : Reply();
+        };
+    }
+
   private:
     std::vector<SentCommand>* log_;
     Responder reply_;

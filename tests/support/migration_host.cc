@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
+#include <regex>
 #include <stdexcept>
 
 #include "commons/checksum.h"
@@ -25,13 +25,6 @@ std::string ownerOf(const std::string& account) {
 }
 
 }  // namespace
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 std::string md5OfFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -83,6 +76,18 @@ void MigrationTest::SetUp() {
 
     session_ = root + "/session";
     remoteAgent_ = sshd().home() + "/ferry-agent";
+}
+
+std::vector<MigrationTest::Archive> MigrationTest::dumpArchives() const {
+    std::vector<Archive> files;
+    const std::string dump = readFile(sessionFile("dump.xml"));
+    const std::regex content(
+        "<content file=\"([^\"]+)\" size=\"([0-9]+)\" unpacked=\"[0-9]+\" "
+        "md5sum=\"([0-9a-f]{32})\"/>");
+    for (std::sregex_iterator it(dump.begin(), dump.end(), content), end; it != end; ++it) {
+        files.push_back(Archive{(*it)[1], std::stoull((*it)[2]), (*it)[3]});
+    }
+    return files;
 }
 
 void MigrationTest::configureAgent(const std::string& extraLines) {

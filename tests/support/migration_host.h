@@ -5,6 +5,7 @@
 #ifndef FERRYGATE_TESTS_SUPPORT_MIGRATION_HOST_H
 #define FERRYGATE_TESTS_SUPPORT_MIGRATION_HOST_H
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,14 @@ class MigrationTest : public SshdTest {
 
     std::string sessionFile(const std::string& name) const { return session_ + "/" + name; }
 
+    struct Archive {
+        std::string name;
+        uint64_t size;
+        std::string md5;
+    };
+    // The content archives that the session's dump.xml lists.
+    std::vector<Archive> dumpArchives() const;
+
     std::string product_;       // product root; data below product_/RKU
     std::string agentsDir_;     // product_/RKU/agents
     std::string hosting_;       // hosting_/web and hosting_/mail: the source host's objects
@@ -49,8 +58,7 @@ class MigrationTest : public SshdTest {
     testing::ScratchDir scratch_;
 };
 
-// The whole file, or "" when it cannot be read.
-std::string readFile(const std::string& path);
+using testing::readFile;
 // MD5 of a file as 32 lower-case hexadecimal digits.
 std::string md5OfFile(const std::string& path);
 

@@ -15,11 +15,14 @@ struct ProcessResult {
     std::string err;
 };
 
-// Runs the program at the path argv[0] with the arguments argv, standard input `input` and the
-// test's environment plus `extraEnv` ("NAME=value" entries, which is how secrets should travel).
-// Waits for the program to end. Throws std::runtime_error when it cannot be started.
+// Runs the program at the path argv[0] with the arguments argv, standard input `input`, the
+// test's environment plus `extraEnv` ("NAME=value" entries, which is how secrets should travel),
+// in `cwd` (empty: the test's own). Waits for the program to end. Throws std::runtime_error when
+// it cannot be started. A ferrygate binary runs behind the blank-separated words of
+// FERRYGATE_WRAPPER when that is set (scripts/valgrind-e2e.sh sets it to a valgrind command).
 ProcessResult runProcess(const std::vector<std::string>& argv, const std::string& input = "",
-                         const std::vector<std::string>& extraEnv = {});
+                         const std::vector<std::string>& extraEnv = {},
+                         const std::string& cwd = "");
 
 }  // namespace test
 }  // namespace tavik

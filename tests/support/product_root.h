@@ -24,9 +24,6 @@ class ProductRoot {
     ScratchDir dir_;
 };
 
-// The whole text of `path`; throws std::runtime_error when it cannot be read.
-std::string readTextFile(const std::string& path);
-
 }  // namespace testing
 }  // namespace tavik
 

@@ -1,8 +1,11 @@
 #include "support/sandbox_env.h"
 
+#include <pwd.h>
+
 #include <boost/filesystem.hpp>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <vector>
 
@@ -21,8 +24,16 @@ void writeTextFile(const std::string& path, const std::string& text) {
     if (!out.flush()) throw std::runtime_error("cannot write " + path);
 }
 
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
 bool addSystemAccount(const std::string& name) {
     if (!inSandbox()) return false;
+    if (getpwnam(name.c_str()) != nullptr) return true;
     const std::string command = "useradd -M -r " + name + " >/dev/null 2>&1";
     return system(command.c_str()) == 0;
 }

@@ -12,7 +12,10 @@ namespace testing {
 bool inSandbox();
 // Creates or replaces `path` (and its missing parents) with `text`.
 void writeTextFile(const std::string& path, const std::string& text);
-// Adds a system account without a home directory (useradd -M -r), inside the sandbox only.
+// The whole file, or "" when it cannot be read.
+std::string readFile(const std::string& path);
+// Adds a system account without a home directory (useradd -M -r) unless it exists, inside the
+// sandbox only; false when there is no such account afterwards.
 bool addSystemAccount(const std::string& name);
 
 // A fresh directory below /tmp, removed with everything in it by the destructor.

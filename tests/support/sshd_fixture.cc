@@ -2,12 +2,12 @@
 
 #include <signal.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <iostream>
 #include <random>
 #include <sstream>
 #include <stdexcept>
+
+#include "support/sandbox_env.h"
 
 namespace tavik {
 namespace test {
@@ -37,8 +37,7 @@ std::string randomPassword() {
 
 SshdServer::SshdServer(const SshdOptions& options)
     : user_(options.user), password_(randomPassword()) {
-    const char* sandboxed = std::getenv("FERRYGATE_SANDBOXED");
-    if (!sandboxed || std::string(sandboxed) != "1") {
+    if (!testing::inSandbox()) {
         throw std::runtime_error(
             "the sshd fixture needs scripts/sandbox.sh (run the tests with ctest)");
     }
@@ -51,14 +50,6 @@ SshdServer::SshdServer(const SshdOptions& options)
     if (!options.shell.empty()) {
         argv.push_back("--shell");
         argv.push_back(options.shell);
-    }
-    if (!options.authorizedKey.empty()) {
-        argv.push_back("--authorized-key");
-        argv.push_back(options.authorizedKey);
-    }
-    for (const auto& line : options.extraConfig) {
-        argv.push_back("--option");
-        argv.push_back(line);
     }
     const ProcessResult started = runProcess(argv, "", {"FERRYGATE_SSHD_PASSWORD=" + password_});
     if (started.status != 0) {
@@ -115,18 +106,11 @@ void killTree(pid_t root) {
 
 }  // namespace
 
-std::vector<pid_t> SshdServer::sessionPids() const { return childrenOf(pid_); }
-
 void SshdServer::killSessions() const {
-    for (pid_t session : sessionPids()) killTree(session);
+    for (pid_t session : childrenOf(pid_)) killTree(session);
 }
 
-std::string SshdServer::log() const {
-    std::ifstream in(dir_ + "/sshd.log");
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
+std::string SshdServer::log() const { return testing::readFile(dir_ + "/sshd.log"); }
 
 void SshdTest::SetUp() { server_.reset(new SshdServer(sshdOptions())); }
 

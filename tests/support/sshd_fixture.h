@@ -30,10 +30,6 @@ struct SshdOptions {
     bool compat = false;
     // Login shell of the account; empty means /bin/bash.
     std::string shell;
-    // A public key file allowed to log in as the account; empty for none.
-    std::string authorizedKey;
-    // More sshd_config lines, "Key value".
-    std::vector<std::string> extraConfig;
     // Range of the random port, "LOW-HIGH".
     std::string ports = "20000-60999";
 };
@@ -52,12 +48,9 @@ class SshdServer {
     const std::string& user() const { return user_; }
     const std::string& password() const { return password_; }
     const std::string& home() const { return home_; }
-    pid_t pid() const { return pid_; }
 
     // Runs `command` with /bin/sh -c as the test account in its home directory.
     ProcessResult runAsUser(const std::string& command, const std::string& input = "") const;
-    // The server's per-connection processes (children of the listener).
-    std::vector<pid_t> sessionPids() const;
     // Kills every per-connection process and what runs below it, as a crash of the server side
     // of every connection would; the listener keeps running.
     void killSessions() const;

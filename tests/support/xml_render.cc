@@ -1,6 +1,8 @@
 #include "support/xml_render.h"
 
+#include <libxml/parser.h>
 #include <libxml/tree.h>
+#include <unistd.h>
 
 namespace tavik {
 namespace testing {
@@ -32,6 +34,15 @@ std::string renderElement(const xmlNode* element) {
     }
     if (!content.empty()) out += ":" + content;
     if (!children.empty()) out += "(" + children + ")";
+    return out;
+}
+
+std::string renderFile(const std::string& path) {
+    if (access(path.c_str(), F_OK) != 0) return "missing";
+    xmlDoc* doc = xmlReadFile(path.c_str(), nullptr, XML_PARSE_NONET);
+    const xmlNode* root = doc != nullptr ? xmlDocGetRootElement(doc) : nullptr;
+    const std::string out = root != nullptr ? renderElement(root) : "unparsable";
+    xmlFreeDoc(doc);
     return out;
 }
 

@@ -90,8 +90,6 @@ TEST(ProductConfiguration, DefaultsWhileTheFileIsMissing) {
     EXPECT_STREQ("/tmp", hmxConfGetDefaultByIndex(DUMP_TMP_D));
     EXPECT_STREQ("httpd", hmxConfGetDefault("HTTPD_SERVICE"));
     EXPECT_EQ("/usr/local/hmx/RKU/scout.pl", tavik::files::getScoutFileName());
-    EXPECT_EQ("/usr/local/hmx/RKU/agents", tavik::files::agents::getDir());
-    EXPECT_EQ("/var/www/vhosts/a.org", tavik::files::getVhostDir("a.org"));
     // The load is retried until it succeeds.
     writeTextFile(HMX_CONF_FILE, "PRODUCT_ROOT_D /opt/hmx\n");
     EXPECT_EQ("/opt/hmx/RKU/tmp", tavik::files::getTmpDir());

@@ -51,15 +51,6 @@ TEST(UtilityLog, SilentUntilEnabledForTheConsole) {
     EXPECT_EQ("", written([] { tavik_log(1, "hidden"); }));
 }
 
-TEST(TextTests, DigitsOnlyAndEmptiness) {
-    EXPECT_EQ(1, is_number(""));
-    EXPECT_EQ(1, is_number("0123456789"));
-    EXPECT_EQ(0, is_number("12a"));
-    EXPECT_EQ(0, is_number("-1"));
-    EXPECT_EQ(1, isempty(nullptr) && isempty(""));
-    EXPECT_EQ(0, isempty(" "));
-}
-
 TEST(Subdirectory, ResolvedPathsAndRestoredWorkingDirectory) {
     tavik::testing::ScratchDir scratch;
     const std::string base = scratch.path();

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -14,15 +15,15 @@ namespace {
 
 using testing::listDir;
 using testing::messageOf;
-using testing::outlineOfFile;
 using testing::readFile;
+using testing::renderFile;
 using testing::ScratchDir;
 
 // A document saved atomically over `target`, an existing file that holds "old".
 class AtomicSave : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_TRUE(testing::haveHmxadm());
+        ASSERT_TRUE(testing::addSystemAccount("hmxadm"));
         testing::writeTextFile(target_, "old");
         doc_.initNewDoc("new");
     }
@@ -42,7 +43,7 @@ class AtomicSave : public ::testing::Test {
 
 TEST_F(AtomicSave, ReplacesTheTargetWithAFileOfHmxadm) {
     doc_.saveToFileAtomically(target_);
-    EXPECT_EQ("new", outlineOfFile(target_));
+    EXPECT_EQ("new", renderFile(target_));
     struct stat st = {};
     ASSERT_EQ(0, stat(target_.c_str(), &st));
     EXPECT_EQ(getpwnam("hmxadm")->pw_uid, st.st_uid);
@@ -53,7 +54,7 @@ TEST_F(AtomicSave, ReplacesTheTargetWithAFileOfHmxadm) {
     ASSERT_EQ(0, chdir(dir_.path().c_str()));
     doc_.newChild(doc_.getRootNode(), "again");
     doc_.saveToFileAtomically("status.xml");
-    EXPECT_EQ("new(again)", outlineOfFile(target_));
+    EXPECT_EQ("new(again)", renderFile(target_));
     EXPECT_EQ(1u, listDir(dir_.path()).size());
 }
 
@@ -86,7 +87,7 @@ TEST_F(AtomicSave, RefusedOwnerChangeLeavesTheNewFileBesideTheUntouchedTarget) {
     close(message[0]);
     EXPECT_EQ("Cannot take ownership of " + leftover() + ": Operation not permitted",
               std::string(text, n > 0 ? n : 0));
-    EXPECT_EQ("new", outlineOfFile(leftover()));
+    EXPECT_EQ("new", renderFile(leftover()));
     EXPECT_EQ("old", readFile(target_));
 }
 
@@ -96,7 +97,7 @@ TEST_F(AtomicSave, FailedRenameLeavesTheNewFileBesideTheTarget) {
     const std::string message =
         messageOf<&CantRenameFile>([&] { doc_.saveToFileAtomically(target_); });
     EXPECT_EQ("Cannot rename " + leftover() + " to " + target_ + ": Is a directory", message);
-    EXPECT_EQ("new", outlineOfFile(leftover()));
+    EXPECT_EQ("new", renderFile(leftover()));
     EXPECT_EQ("x", readFile(target_ + "/occupied"));
 }
 

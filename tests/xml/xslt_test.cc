@@ -31,7 +31,7 @@ class XsltTest : public ::testing::Test {
 };
 
 TEST_F(XsltTest, ResultsAreSavedWithTheStylesheetOutputSettings) {
-    ASSERT_TRUE(testing::haveHmxadm());
+    ASSERT_TRUE(testing::addSystemAccount("hmxadm"));
     std::unique_ptr<tXsltStylesheet> text(
         new tXsltStylesheet(sheet("<xsl:output method=\"text\"/><xsl:template match=\"/\">"
                                   "<xsl:for-each select=\"//n\"><xsl:value-of select=\".\"/>;"
