@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 #include "ssh/ssh_transfer.h"
@@ -29,11 +28,7 @@ class Wan : public MigrationTest {
         testing::writeTextFile(hosting_ + "/web/shop.test/big.bin", bytes);
         ASSERT_EQ(0, ferrygate({"--deploy-agent"}).status);
         ASSERT_EQ(0, ferrygate({"--dump-all"}).status);
-        const std::string dump = readFile(sessionFile("dump.xml"));
-        const std::regex content("<content file=\"([^\"]+)\" [^>]*md5sum=\"([0-9a-f]{32})\"/>");
-        for (std::sregex_iterator it(dump.begin(), dump.end(), content), end; it != end; ++it) {
-            archives_.emplace_back((*it)[1], (*it)[2]);
-        }
+        archives_ = dumpArchives();
         ASSERT_GE(archives_.size(), 2u);
     }
 
@@ -46,12 +41,12 @@ class Wan : public MigrationTest {
     }
 
     void expectAllArchivesHere() {
-        for (const auto& archive : archives_) {
-            EXPECT_EQ(archive.second, md5OfFile(sessionFile(archive.first))) << archive.first;
+        for (const Archive& archive : archives_) {
+            EXPECT_EQ(archive.md5, md5OfFile(sessionFile(archive.name))) << archive.name;
         }
     }
 
-    std::vector<std::pair<std::string, std::string>> archives_;  // name, MD5 sum
+    std::vector<Archive> archives_;
 };
 
 TEST_F(Wan, ADownloadAcross50MillisecondsIsWholeAndQuick) {
