@@ -140,8 +140,6 @@ Session::Session(int socket, bool noEncryption, bool compatibility)
     const char* cipher = libssh2_session_methods(session_.get(), LIBSSH2_METHOD_CRYPT_SC);
     encryption_ = cipher ? cipher : "";
     logger.info("Selected " + encryption_ + " encryption method");
-    // Four requests per silence limit: one lost answer does not end the connection.
-    libssh2_keepalive_config(session_.get(), 1, keepAliveInterval());
     logger.info("SSH session started successfully");
 }
 
@@ -256,6 +254,9 @@ void Session::authorize(const std::string& user, const std::string& password) {
         logger.error("Authentication failed");
         TAVIK_RAISE(SshAuthorizationFailed);
     }
+    // Four requests per silence limit: one lost answer does not end the connection. Not before
+    // the log-in: a server refuses requests from a client that has not logged in yet.
+    libssh2_keepalive_config(session_.get(), 1, keepAliveInterval());
     if (compatibility_) {
         openReserveChannel();
     }
