@@ -51,7 +51,8 @@ class IOStreamWriteChannel : public IOWriteChannel {
 class SshChannelWriteChannel : public IOWriteChannel {
   public:
     explicit SshChannelWriteChannel(libssh2pp::Channel& channel) : channel_(channel) {}
-    // The library's result, with every failure reported as -1.
+    // The library's result, with every failure reported as -1 but the connection's: a server
+    // silent for the session's time-out, or a broken socket, throws SshConnectionFault.
     int write(const char* buffer, unsigned size) override;
 
   private:

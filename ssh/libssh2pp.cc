@@ -1,5 +1,9 @@
 #include "ssh/libssh2pp.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
@@ -8,6 +12,8 @@
 #include <cstring>
 #include <log4cpp/Category.hh>
 #include <vector>
+
+#include "utils/read_configuration.h"
 
 namespace tavik {
 
@@ -110,8 +116,13 @@ ssize_t Channel::readQueued(int stream, char* buffer, size_t size) {
 }
 
 Session::Session(int socket, bool noEncryption, bool compatibility)
-    : session_(newSession()), compatibility_(compatibility) {
+    : session_(newSession()),
+      socket_(socket),
+      silenceLimit_(silenceLimit()),
+      compatibility_(compatibility) {
     logger.info("Trying to start SSH session");
+    // Bounds every blocking call, the start and the log-in included: each wait for the socket.
+    libssh2_session_set_timeout(session_.get(), static_cast<long>(silenceLimit_) * 1000);
     bool started = true;
     if (noEncryption) {
         logger.info("Disabling SSH encryption");
@@ -154,6 +165,57 @@ std::string Session::lastError() const {
     return message ? std::string(message, static_cast<size_t>(length)) : std::string();
 }
 
+bool Session::connectionLost() const {
+    switch (libssh2_session_last_errno(session_.get())) {
+        case LIBSSH2_ERROR_TIMEOUT:
+        case LIBSSH2_ERROR_SOCKET_SEND:
+        case LIBSSH2_ERROR_SOCKET_RECV:
+        case LIBSSH2_ERROR_SOCKET_DISCONNECT:
+        case LIBSSH2_ERROR_SOCKET_TIMEOUT:
+            return true;
+        default:
+            return false;
+    }
+}
+
+void Session::checkAlive() {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point now = Clock::now();
+    tcp_info info = {};
+    socklen_t size = sizeof info;
+    // The kernel knows when the last byte arrived, whichever packet carried it.
+    if (awaitingAnswer_ && getsockopt(socket_, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
+        now - std::chrono::milliseconds(info.tcpi_last_data_recv) > requestSent_) {
+        awaitingAnswer_ = false;
+    }
+    if (awaitingAnswer_ && now - requestSent_ > std::chrono::seconds(silenceLimit_)) {
+        logger.error("The remote host left a request unanswered for " +
+                     std::to_string(silenceLimit_) + " seconds");
+        TAVIK_RAISE(SshConnectionFault);
+    }
+    int nextInSeconds = 0;
+    if (libssh2_keepalive_send(session_.get(), &nextInSeconds) != 0) {
+        logger.error("Cannot send to the remote host: " + lastError());
+        TAVIK_RAISE(SshConnectionFault);
+    }
+    // A full interval to go means a request went out just now.
+    if (!awaitingAnswer_ && nextInSeconds == static_cast<int>(keepAliveInterval())) {
+        awaitingAnswer_ = true;
+        requestSent_ = now;
+    }
+}
+
+unsigned Session::keepAliveInterval() const { return std::max(1u, silenceLimit_ / 4); }
+
+unsigned Session::silenceLimit() {
+    const char* configured = hmxConfGet("SSH_SILENCE_TIMEOUT");
+    char* end = nullptr;
+    const unsigned long seconds = configured ? std::strtoul(configured, &end, 10) : 0;
+    return seconds > 0 && seconds < 86400 && end != nullptr && *end == '\0'
+               ? static_cast<unsigned>(seconds)
+               : 120;
+}
+
 void Session::authorize(const std::string& user, const std::string& password) {
     logger.info("Requested authorization for user " + user);
     logger.info("Getting userauth methods for user '" + user + "'");
@@ -188,10 +250,18 @@ void Session::authorize(const std::string& user, const std::string& password) {
         *abstract = nullptr;
         if (authenticated) logger.info("Authenticated successfully");
     }
+    if (!authenticated && connectionLost()) {
+        // Not the credentials' fault: the answer never came.
+        logger.error("Lost connection with the remote host during authentication: " + lastError());
+        TAVIK_RAISE(SshConnectionFault);
+    }
     if (!authenticated) {
         logger.error("Authentication failed");
         TAVIK_RAISE(SshAuthorizationFailed);
     }
+    // Four requests per silence limit: one lost answer does not end the connection. Not before
+    // the log-in: a server refuses requests from a client that has not logged in yet.
+    libssh2_keepalive_config(session_.get(), 1, keepAliveInterval());
     if (compatibility_) {
         openReserveChannel();
     }

@@ -5,6 +5,7 @@
 #include <libssh2.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -77,6 +78,17 @@ class Session {
     const Channel* reserveChannel() const { return reserve_.get(); }
     // The library's text for the last failure on this session.
     std::string lastError() const;
+    // True when the last failure on this session was the connection's: the server stayed silent
+    // for the silence limit, or the socket broke.
+    bool connectionLost() const;
+    // Sends a keep-alive request when one is due, which a live server answers even while its
+    // command is silent. Throws SshConnectionFault once a request has had no answer, nor any
+    // other byte, for the silence limit: a peer that goes quiet on an open connection would
+    // otherwise be waited for for ever.
+    void checkAlive();
+    // Seconds the server may stay silent: SSH_SILENCE_TIMEOUT of the product configuration, or
+    // 120. Every blocking call on the session gives up after as long.
+    static unsigned silenceLimit();
 
     // The keyboard-interactive responder: answers every prompt with the password that
     // `*abstract` points to (a std::string).
@@ -89,12 +101,18 @@ class Session {
 
   private:
     bool preferMethod(int method, const char* preference);
+    unsigned keepAliveInterval() const;
     void openReserveChannel();
     // Throws SshConnectionFault when the last library call failed because the connection is gone.
     void raiseIfDisconnected();
 
     Handle<LIBSSH2_SESSION*, libssh2_session_free, DefaultValidationPolicy<LIBSSH2_SESSION*>>
         session_;
+    int socket_;
+    unsigned silenceLimit_;
+    // A keep-alive request sent at requestSent_ still waits for its answer.
+    bool awaitingAnswer_ = false;
+    std::chrono::steady_clock::time_point requestSent_;
     std::string encryption_;
     bool compatibility_;
     std::unique_ptr<Channel> reserve_;

@@ -83,6 +83,19 @@ Ssh::~Ssh() {
     socket_.reset();
 }
 
+LIBSSH2_CHANNEL* Ssh::openChannel() {
+    LIBSSH2_CHANNEL* channel = libssh2_channel_open_ex(
+        session_->get(), "session", sizeof("session") - 1, kExecWindow, kExecPacket, nullptr, 0);
+    if (channel == nullptr) raiseIfConnectionLost();
+    return channel;
+}
+
+void Ssh::raiseIfConnectionLost() {
+    if (!session_->connectionLost()) return;
+    logger.error("Lost connection with the remote host: " + session_->lastError());
+    TAVIK_RAISE(SshConnectionFault);
+}
+
 void Ssh::connect(const std::string& host, unsigned short port) {
     socket_.reset(new Socket(::socket(AF_INET, SOCK_STREAM, 0)));
     Socket::logger.info("Socket created");
@@ -110,11 +123,11 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
               bool quietOutput, bool quietInput, Counter& counter) {
     logger.info("Executing " + command + " on the remote host");
     logger.info("Opening SSH channel for command '" + command + "'");
-    libssh2pp::Channel channel(libssh2_channel_open_ex(
-        session_->get(), "session", sizeof("session") - 1, kExecWindow, kExecPacket, nullptr, 0));
+    libssh2pp::Channel channel(openChannel());
     libssh2_channel_set_blocking(channel.get(), 1);
     if (libssh2_channel_process_startup(channel.get(), "exec", sizeof("exec") - 1, command.data(),
                                         static_cast<unsigned>(command.size())) != 0) {
+        raiseIfConnectionLost();
         // Without a command nothing would ever end the channel, and the wait below with it.
         logger.error("The remote host refused to run the command: " + session_->lastError());
         TAVIK_RAISE(SshUnknown);
@@ -178,8 +191,10 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
         channel.poll(kWaitMillis);
         // The library's readiness test is exact for standard output only; for standard error it
         // also answers yes when only standard output is queued, so readQueued decides there.
-        if (libssh2_poll_channel_read(channel.get(), kStdout)) forward(kStdout);
-        if (libssh2_poll_channel_read(channel.get(), kStderr)) forward(kStderr);
+        ssize_t moved = 0;
+        if (libssh2_poll_channel_read(channel.get(), kStdout)) moved += forward(kStdout);
+        if (libssh2_poll_channel_read(channel.get(), kStderr)) moved += forward(kStderr);
+        if (moved == 0) session_->checkAlive();
     }
 }
 

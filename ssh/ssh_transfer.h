@@ -3,6 +3,8 @@
 #ifndef FERRYGATE_SSH_SSH_TRANSFER_H
 #define FERRYGATE_SSH_SSH_TRANSFER_H
 
+#include <libssh2.h>
+
 #include <atomic>
 #include <istream>
 #include <memory>
@@ -93,6 +95,11 @@ class Ssh {
 
   private:
     void connect(const std::string& host, unsigned short port);
+    // A new channel with the transfer window, or null when the server refused one; throws
+    // SshConnectionFault when the connection failed meanwhile.
+    LIBSSH2_CHANNEL* openChannel();
+    // Throws SshConnectionFault when the session's last failure was the connection's.
+    void raiseIfConnectionLost();
 
     std::unique_ptr<Socket> socket_;
     std::unique_ptr<libssh2pp::Session> session_;

@@ -30,12 +30,9 @@ double secondsSince(Clock::time_point start) {
 
 class Sock {
   public:
-    explicit Sock(int fd = -1) : fd_(fd) {}
-    Sock(Sock&& o) noexcept : fd_(o.fd_) { o.fd_ = -1; }
+    explicit Sock(int fd) : fd_(fd) {}
     Sock(const Sock&) = delete;
-    ~Sock() {
-        if (fd_ >= 0) close(fd_);
-    }
+    ~Sock() { close(fd_); }
     int get() const { return fd_; }
 
   private:
@@ -50,12 +47,12 @@ sockaddr_in loopback(uint16_t port) {
     return a;
 }
 
-Sock connectTo(uint16_t port) {
-    Sock s(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+int connectTo(uint16_t port) {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in a = loopback(port);
-    if (connect(s.get(), reinterpret_cast<sockaddr*>(&a), sizeof a) < 0)
+    if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) < 0)
         throw std::runtime_error("connect: " + std::string(strerror(errno)));
-    return s;
+    return fd;
 }
 
 // Serves the first connection accepted on a fresh loopback port with `serve`, in a thread.
@@ -156,7 +153,7 @@ void echo(int fd) {
 TEST(Relay, DelayKeepsOrderAndHoldsEveryByteButNotTheThroughput) {
     OneShotServer server(echo);
     RelayProcess relay(server.port(), {"--delay-up-ms", "50", "--delay-down-ms", "50"});
-    Sock client = connectTo(relay.port());
+    Sock client(connectTo(relay.port()));
 
     // One byte there and back crosses both delays.
     char byte = patternAt(0);
@@ -183,7 +180,6 @@ TEST(Relay, DelayKeepsOrderAndHoldsEveryByteButNotTheThroughput) {
     EXPECT_EQ(UINT64_MAX, r.firstMismatch);
     EXPECT_GE(elapsed, 0.100);
     EXPECT_LT(elapsed, 2.0) << "16 MiB echoed through 2 x 50 ms";
-    RecordProperty("echo_MBps", std::to_string(static_cast<int>(total / elapsed / 1e6)));
 }
 
 TEST(Relay, RateCapHoldsOneDirectionNearTheCapAndLeavesTheOtherAlone) {
@@ -194,7 +190,7 @@ TEST(Relay, RateCapHoldsOneDirectionNearTheCapAndLeavesTheOtherAlone) {
         sunk = receivePattern(fd).bytes;
     });
     RelayProcess relay(server.port(), {"--rate-down", "4000000"});
-    Sock client = connectTo(relay.port());
+    Sock client(connectTo(relay.port()));
 
     Clock::time_point start = Clock::now();
     Received r = receivePattern(client.get(), down);
@@ -208,7 +204,8 @@ TEST(Relay, RateCapHoldsOneDirectionNearTheCapAndLeavesTheOtherAlone) {
     ASSERT_TRUE(sendPattern(client.get(), up));
     shutdown(client.get(), SHUT_WR);
     server.join();
-    EXPECT_LT(secondsSince(start), 0.5) << "8 MiB up, uncapped";
+    // The cap, applied to this direction by mistake, would take over two seconds.
+    EXPECT_LT(secondsSince(start), 1.2) << "8 MiB up, uncapped";
     EXPECT_EQ(up, sunk.load());
 }
 
@@ -218,7 +215,7 @@ TEST(Relay, StallPausesAtTheByteCountThenDeliversTheRest) {
         shutdown(fd, SHUT_WR);
     });
     RelayProcess relay(server.port(), {"--stall-down-at", "100000", "--stall-ms", "600"});
-    Sock client = connectTo(relay.port());
+    Sock client(connectTo(relay.port()));
     Clock::time_point start = Clock::now();
     Received r = receivePattern(client.get());
     EXPECT_EQ(0, r.error);
@@ -234,7 +231,7 @@ TEST(Relay, CutEndsTheStreamAtTheByteCountWithFinOrReset) {
         std::atomic<bool> sourceStopped{false};
         OneShotServer server([&](int fd) { sourceStopped = !sendPattern(fd, 256 << 20); });
         RelayProcess relay(server.port(), {"--cut-down-at", "150000"});
-        Sock client = connectTo(relay.port());
+        Sock client(connectTo(relay.port()));
         Received r = receivePattern(client.get());
         EXPECT_EQ(0, r.error) << "an orderly cut ends in EOF";
         EXPECT_EQ(150000u, r.bytes);
@@ -246,7 +243,7 @@ TEST(Relay, CutEndsTheStreamAtTheByteCountWithFinOrReset) {
         Received atServer;
         OneShotServer server([&](int fd) { atServer = receivePattern(fd); });
         RelayProcess relay(server.port(), {"--cut-up-at", "70000", "--cut-with-reset"});
-        Sock client = connectTo(relay.port());
+        Sock client(connectTo(relay.port()));
         EXPECT_FALSE(sendPattern(client.get(), 256 << 20));
         server.join();
         EXPECT_EQ(ECONNRESET, atServer.error);
@@ -285,7 +282,7 @@ TEST(Relay, FullQueueStopsReadingAndSigtermEndsCleanly) {
     });
     RelayProcess relay(server.port(),
                        {"--queue-bytes", "1048576", "--stall-down-at", "0", "--stall-ms", "60000"});
-    Sock client = connectTo(relay.port());
+    Sock client(connectTo(relay.port()));
     while (!done) usleep(10000);
     // The kernel's socket buffers hold a few MiB on each side; the relay adds at most 1 MiB.
     EXPECT_LT(accepted.load(), 24u << 20);

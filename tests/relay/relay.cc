@@ -58,6 +58,7 @@ struct DirectionRules {
 
 struct Options {
     sockaddr_in listen{};
+    uint16_t listenHigh = 0;  // with a port range: its top; listen.sin_port holds its bottom
     sockaddr_in target{};
     DirectionRules up, down;
     bool cutWithReset = false;
@@ -346,9 +347,17 @@ int run(const Options& options) {
     if (listener.get() < 0) fail("socket");
     int one = 1;
     setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&options.listen),
-             sizeof options.listen) < 0)
-        fail("bind");
+    sockaddr_in address = options.listen;
+    const unsigned low = ntohs(options.listen.sin_port);
+    const unsigned span = options.listenHigh >= low ? options.listenHigh - low + 1 : 1;
+    // A range is tried from a random port on, so that relays started together rarely collide.
+    const unsigned first = static_cast<unsigned>(Clock::now().time_since_epoch().count()) % span;
+    for (unsigned tried = 0;; ++tried) {
+        address.sin_port = htons(static_cast<uint16_t>(low + (first + tried) % span));
+        if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+            break;
+        if (errno != EADDRINUSE || tried + 1 == span) fail("bind");
+    }
     if (listen(listener.get(), 64) < 0) fail("listen");
     sockaddr_in bound{};
     socklen_t length = sizeof bound;
@@ -451,8 +460,8 @@ void printUsage(FILE* out) {
     std::fputs(
         "Usage: fg-relay --target HOST:PORT [--listen HOST:PORT] [options]\n"
         "Forwards every connection accepted on --listen (default 127.0.0.1:0, 0 picks a free\n"
-        "port, printed on standard output) to --target. Rules per direction, up = client to\n"
-        "server, down = server to client:\n"
+        "port; HOST:LOW-HIGH a free one in that range; printed on standard output) to --target.\n"
+        "Rules per direction, up = client to server, down = server to client:\n"
         "  --delay-up-ms MS, --delay-down-ms MS   hold every byte back for MS milliseconds\n"
         "  --rate-up B, --rate-down B             cap the rate at B bytes per second\n"
         "  --stall-up-at N, --stall-down-at N     pause for --stall-ms after N bytes\n"
@@ -502,9 +511,17 @@ Options parseOptions(int argc, char** argv) {
     int c;
     while ((c = getopt_long(argc, argv, "", table, nullptr)) != -1) {
         switch (c) {
-            case kListen:
-                options.listen = parseAddress(optarg);
+            case kListen: {
+                // HOST:PORT or HOST:LOW-HIGH
+                std::string text = optarg;
+                const size_t dash = text.rfind('-');
+                if (dash != std::string::npos && dash > text.rfind(':')) {
+                    options.listenHigh = static_cast<uint16_t>(parseCount(optarg + dash + 1));
+                    text.erase(dash);
+                }
+                options.listen = parseAddress(text);
                 break;
+            }
             case kTarget:
                 options.target = parseAddress(optarg);
                 haveTarget = true;

@@ -36,7 +36,7 @@ uint16_t readPortLine(int fd) {
 }  // namespace
 
 RelayProcess::RelayProcess(uint16_t targetPort, const std::vector<std::string>& rules) {
-    std::vector<std::string> args{FG_RELAY_BINARY, "--listen", "127.0.0.1:0", "--target",
+    std::vector<std::string> args{FG_RELAY_BINARY, "--listen", "127.0.0.1:20000-32767", "--target",
                                   "127.0.0.1:" + std::to_string(targetPort)};
     args.insert(args.end(), rules.begin(), rules.end());
     std::vector<char*> argv;

@@ -10,7 +10,8 @@ namespace tavik {
 namespace test {
 
 // fg-relay running in front of a local port, for tests that need distance or faults between
-// ferrygate and sshd. The relay listens on a free loopback port; connect to port() instead of
+// ferrygate and sshd. The relay listens on a free loopback port from 20000 to 32767 (ferrygate
+// refuses higher ones); connect to port() instead of
 // the target. Rules are fg-relay options, e.g. {"--delay-down-ms", "25", "--cut-down-at", "5000"}.
 // With tests/support/sshd_fixture.h: RelayProcess relay(server.port(), {...}) and connect to
 // relay.port(). The constructor throws std::runtime_error when the relay does not start within five
