@@ -188,7 +188,11 @@ void Session::checkAlive() {
         now - std::chrono::milliseconds(info.tcpi_last_data_recv) > requestSent_) {
         awaitingAnswer_ = false;
     }
-    if (awaitingAnswer_ && now - requestSent_ > std::chrono::seconds(silenceLimit_)) {
+    // Nothing at all for the limit and one more keep-alive interval: whatever became of the
+    // requests, the peer is gone.
+    const bool silent = getsockopt(socket_, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
+                        info.tcpi_last_data_recv >= 1000 * (silenceLimit_ + keepAliveInterval());
+    if (silent || (awaitingAnswer_ && now - requestSent_ > std::chrono::seconds(silenceLimit_))) {
         logger.error("The remote host left a request unanswered for " +
                      std::to_string(silenceLimit_) + " seconds");
         TAVIK_RAISE(SshConnectionFault);
@@ -269,16 +273,9 @@ void Session::authorize(const std::string& user, const std::string& password) {
 
 void Session::raiseIfDisconnected() {
     // A connection lost on the way says nothing about the password.
-    switch (libssh2_session_last_errno(session_.get())) {
-        case LIBSSH2_ERROR_SOCKET_DISCONNECT:
-        case LIBSSH2_ERROR_SOCKET_RECV:
-        case LIBSSH2_ERROR_SOCKET_SEND:
-        case LIBSSH2_ERROR_SOCKET_TIMEOUT:
-        case LIBSSH2_ERROR_TIMEOUT:
-            logger.error("Connection lost during authentication: " + lastError());
-            TAVIK_RAISE(SshConnectionFault);
-        default:
-            break;
+    if (connectionLost()) {
+        logger.error("Connection lost during authentication: " + lastError());
+        TAVIK_RAISE(SshConnectionFault);
     }
 }
 
