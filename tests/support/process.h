@@ -17,7 +17,8 @@ struct ProcessResult {
 
 // Runs the program at the path argv[0] with the arguments argv, standard input `input` and the
 // test's environment plus `extraEnv` ("NAME=value" entries, which is how secrets should travel).
-// Waits for the program to end. Throws std::runtime_error when it cannot be started.
+// Waits for the program to end. Throws std::runtime_error when it cannot be started. A program
+// named ferrygate runs under the words of FERRYGATE_WRAPPER when that is set (see run_program.h).
 ProcessResult runProcess(const std::vector<std::string>& argv, const std::string& input = "",
                          const std::vector<std::string>& extraEnv = {});
 
