@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -272,7 +273,16 @@ xmlNode* tXmlRkuDocument::newTextChild(xmlNode* parent, const std::string& name,
 void tXmlRkuDocument::addAttribute(xmlNode* node, const std::string& name,
                                    const std::string& value) {
     if (node == nullptr) TAVIK_XML_RAISE(logger, AssertionFailed, "node != NULL");
-    if (xmlSetProp(node, toXml(name), toXml(value)) == nullptr)
+    // The saver writes a control character in an attribute as a character reference that no
+    // XML 1.0 reader accepts, and one bad value must not make the whole file unreadable.
+    std::string text = value;
+    text.erase(std::remove_if(text.begin(), text.end(),
+                              [](char c) {
+                                  return static_cast<unsigned char>(c) < 0x20 && c != '\t' &&
+                                         c != '\n' && c != '\r';
+                              }),
+               text.end());
+    if (xmlSetProp(node, toXml(name), toXml(text)) == nullptr)
         TAVIK_XML_RAISE(logger, tError_XmlInternal, "Can not set attribute " + name);
 }
 
