@@ -1,9 +1,11 @@
 #include "xml/xml_wrap.h"
 
 #include <fcntl.h>
+#include <libxml/chvalid.h>
 #include <libxml/tree.h>
 #include <libxml/xmlIO.h>
 #include <libxml/xmlsave.h>
+#include <libxml/xmlstring.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -270,18 +272,35 @@ xmlNode* tXmlRkuDocument::newTextChild(xmlNode* parent, const std::string& name,
     return child;
 }
 
+namespace {
+
+// The characters of `value` (up to a NUL, as the library reads it) that XML 1.0 can hold, in
+// valid UTF-8. The saver writes anything else in an attribute in a way that no reader accepts,
+// and one bad value must not make a whole status file unreadable.
+std::string xmlCharactersOnly(const std::string& value) {
+    const std::string text = value.substr(0, value.find('\0'));
+    std::string kept;
+    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+    for (size_t left = text.size(); left > 0;) {
+        int length = static_cast<int>(std::min<size_t>(left, 4));
+        const int c = xmlGetUTF8Char(p, &length);
+        if (c < 0) {
+            length = 1;
+        } else if (xmlIsCharQ(c)) {
+            kept.append(reinterpret_cast<const char*>(p), static_cast<size_t>(length));
+        }
+        p += length;
+        left -= static_cast<size_t>(length);
+    }
+    return kept;
+}
+
+}  // namespace
+
 void tXmlRkuDocument::addAttribute(xmlNode* node, const std::string& name,
                                    const std::string& value) {
     if (node == nullptr) TAVIK_XML_RAISE(logger, AssertionFailed, "node != NULL");
-    // The saver writes a control character in an attribute as a character reference that no
-    // XML 1.0 reader accepts, and one bad value must not make the whole file unreadable.
-    std::string text = value;
-    text.erase(std::remove_if(text.begin(), text.end(),
-                              [](char c) {
-                                  return static_cast<unsigned char>(c) < 0x20 && c != '\t' &&
-                                         c != '\n' && c != '\r';
-                              }),
-               text.end());
+    const std::string text = xmlCharactersOnly(value);
     if (xmlSetProp(node, toXml(name), toXml(text)) == nullptr)
         TAVIK_XML_RAISE(logger, tError_XmlInternal, "Can not set attribute " + name);
 }
