@@ -20,11 +20,6 @@ build=${FERRYGATE_FUZZ_BUILD_DIR:-$here/build-fuzz}
 seconds=${FERRYGATE_FUZZ_SECONDS:-60}
 jobs=${FERRYGATE_FUZZ_JOBS:-2}
 
-bash "$here/scripts/install-deps.sh"
-CC=clang CXX=clang++ cmake -S "$here" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DFERRYGATE_FUZZ=ON -DBUILD_TESTING=OFF >/dev/null
-cmake --build "$build" -j 2
-
 if [ $# -gt 0 ]; then
     targets=("$@")
 else
@@ -34,6 +29,15 @@ else
         targets+=("$name")
     done
 fi
+
+# Everything the targets link is instrumented: coverage guides the fuzzer through the parsers
+# themselves, and the sanitizers catch what they do wrong. Only the fuzz targets are built.
+flags="-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer"
+bash "$here/scripts/install-deps.sh"
+CC=clang CXX=clang++ cmake -S "$here" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DFERRYGATE_FUZZ=ON -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_C_FLAGS="$flags" \
+    -DCMAKE_EXE_LINKER_FLAGS="-fsanitize=address,undefined" >/dev/null
+cmake --build "$build" -j 2 --target "${targets[@]/%/_fuzz}"
 
 # A sanitizer report must end the run, never scroll past.
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:strict_string_checks=1}

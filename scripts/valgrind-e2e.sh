@@ -20,6 +20,8 @@ bash "$here/scripts/install-deps.sh"
 cmake -S "$here" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j 2
 
+# Test cases run where ctest runs them: in the build's tests directory.
+cd "$build/tests"
 logs=$build/valgrind
 rm -rf "$logs"
 mkdir -p "$logs"

@@ -1,12 +1,14 @@
 #include "xml/xml_wrap.h"
 
 #include <fcntl.h>
+#include <libxml/chvalid.h>
 #include <libxml/tree.h>
 #include <libxml/xmlIO.h>
 #include <libxml/xmlsave.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -260,10 +262,56 @@ xmlNode* tXmlRkuDocument::newChild(xmlNode* parent, const std::string& name) {
     return child;
 }
 
+namespace {
+
+// The characters of `value` (up to a NUL, as the library reads it) that XML 1.0 can hold, in
+// valid UTF-8. The saver writes anything else in a way that no reader accepts or that loses the
+// element, and one bad value must not spoil a whole status file.
+// The length of the well-formed UTF-8 sequence at `p` (of `left` bytes) and its code point in
+// `c`; 0 when ill-formed. Stricter than the library's own reader, which takes a continuation
+// byte for the start of a character.
+size_t utf8Sequence(const unsigned char* p, size_t left, unsigned& c) {
+    static const unsigned kMin[] = {0, 0, 0x80, 0x800, 0x10000};
+    const size_t length = p[0] < 0x80   ? 1
+                          : p[0] < 0xc2 ? 0
+                          : p[0] < 0xe0 ? 2
+                          : p[0] < 0xf0 ? 3
+                          : p[0] < 0xf5 ? 4
+                                        : 0;
+    if (length == 0 || length > left) return 0;
+    c = length == 1 ? p[0] : p[0] & (0x7f >> length);
+    for (size_t i = 1; i < length; ++i) {
+        if ((p[i] & 0xc0) != 0x80) return 0;
+        c = (c << 6) | (p[i] & 0x3f);
+    }
+    return c >= kMin[length] && c <= 0x10ffff && (c < 0xd800 || c > 0xdfff) ? length : 0;
+}
+
+std::string xmlCharactersOnly(const std::string& value) {
+    const std::string text = value.substr(0, value.find('\0'));
+    std::string kept;
+    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+    for (size_t left = text.size(); left > 0;) {
+        unsigned c = 0;
+        size_t length = utf8Sequence(p, left, c);
+        if (length == 0) {
+            length = 1;
+        } else if (xmlIsCharQ(c)) {
+            kept.append(reinterpret_cast<const char*>(p), length);
+        }
+        p += length;
+        left -= length;
+    }
+    return kept;
+}
+
+}  // namespace
+
 xmlNode* tXmlRkuDocument::newTextChild(xmlNode* parent, const std::string& name,
                                        const std::string& content) {
     if (parent == nullptr) return nullptr;
-    xmlNode* child = xmlNewTextChild(parent, nullptr, toXml(name), toXml(content));
+    xmlNode* child =
+        xmlNewTextChild(parent, nullptr, toXml(name), toXml(xmlCharactersOnly(content)));
     if (child == nullptr)
         TAVIK_XML_RAISE(logger, tError_XmlInternal, "#0002: Can not create new node");
     return child;
@@ -272,7 +320,8 @@ xmlNode* tXmlRkuDocument::newTextChild(xmlNode* parent, const std::string& name,
 void tXmlRkuDocument::addAttribute(xmlNode* node, const std::string& name,
                                    const std::string& value) {
     if (node == nullptr) TAVIK_XML_RAISE(logger, AssertionFailed, "node != NULL");
-    if (xmlSetProp(node, toXml(name), toXml(value)) == nullptr)
+    const std::string text = xmlCharactersOnly(value);
+    if (xmlSetProp(node, toXml(name), toXml(text)) == nullptr)
         TAVIK_XML_RAISE(logger, tError_XmlInternal, "Can not set attribute " + name);
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "support/cmdline_watch.h"
 #include "support/migration_host.h"
 
 namespace tavik {
@@ -24,6 +25,19 @@ class Migration : public MigrationTest {
         struct stat st;
         ASSERT_EQ(0, stat(path.c_str(), &st)) << path;
         EXPECT_EQ(getpwnam(user().c_str())->pw_uid, st.st_uid) << path;
+    }
+
+    // Neither password in any command line seen, ferrygate's or the source host's; and the
+    // watch saw the command that ran the agent (through sudo when `sudo`), so it was looking.
+    void expectNoPasswordInCommandLines(CmdlineWatch& watch, bool sudo) {
+        bool sawAgent = false;
+        for (const std::string& command : watch.stop()) {
+            EXPECT_EQ(std::string::npos, command.find(password())) << command;
+            EXPECT_EQ(std::string::npos, command.find(sudoPassword_)) << command;
+            sawAgent = sawAgent || (command.find("hostdump.pl --") != std::string::npos &&
+                                    (!sudo || command.find("sudo -S") != std::string::npos));
+        }
+        EXPECT_TRUE(sawAgent);
     }
 
     void expectIdleAndSucceeded() {
@@ -94,13 +108,16 @@ class Migration : public MigrationTest {
 TEST_F(Migration, EveryActionAsTheLogin) { migrate(false); }
 
 TEST_F(Migration, EveryActionThroughSudoWithoutLeakingEitherPassword) {
+    configureAgent("delay = 1\n");  // the agent lives long enough for the watch to see it
+    CmdlineWatch watch;
     migrate(true);
+    expectNoPasswordInCommandLines(watch, true);
     const std::string log =
         readFile(sessionFile("migration.log")) + readFile(sessionFile("migration.log.debug"));
     EXPECT_NE(std::string::npos, log.find("sudo -S")) << "the log shows no sudo command";
     EXPECT_EQ(std::string::npos, log.find(password()));
     EXPECT_EQ(std::string::npos, log.find(sudoPassword_));
-    for (fs::directory_iterator it(session_), end; it != end; ++it) {
+    for (fs::recursive_directory_iterator it(session_), end; it != end; ++it) {
         if (!fs::is_regular_file(it->path())) continue;
         const std::string text = readFile(it->path().string());
         EXPECT_EQ(std::string::npos, text.find(password())) << it->path();
@@ -109,7 +126,9 @@ TEST_F(Migration, EveryActionThroughSudoWithoutLeakingEitherPassword) {
 }
 
 TEST_F(Migration, TheAgentGetsTheSelectionAsArgumentsAndInputLines) {
+    configureAgent("delay = 1\n");
     ASSERT_EQ(0, ferrygate({"--deploy-agent"}).status);
+    CmdlineWatch watch;  // the login password travels to the agent for rsync, on its input only
     // Only the first list given as "-" is read from standard input, and only one line of it.
     ProcessResult r =
         ferrygate({"--dump-selected", "--domains=-", "--clients=-", "--resellers=r1", "--only-mail",
@@ -139,6 +158,7 @@ TEST_F(Migration, TheAgentGetsTheSelectionAsArgumentsAndInputLines) {
             "in=r1\n"
             "in-final-newline=no\n",
         readFile(remoteAgent_ + "/last-invocation"));
+    expectNoPasswordInCommandLines(watch, true);
     const std::string dump = readFile(sessionFile("dump.xml"));
     EXPECT_NE(std::string::npos, dump.find("<not-found type=\"domain\" name=\"-\"/>"));
     EXPECT_NE(std::string::npos, dump.find("<not-found type=\"reseller\" name=\"r1\"/>"));
