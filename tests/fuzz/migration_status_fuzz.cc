@@ -7,12 +7,14 @@
 // total, size left, current file name, current file size, its size left, current object name.
 #include <libxml/chvalid.h>
 #include <libxml/parser.h>
+#include <libxml/parserInternals.h>
 #include <libxml/tree.h>
 #include <libxml/xmlstring.h>
 #include <pwd.h>
 
 #include <boost/filesystem.hpp>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -46,7 +48,12 @@ bool isXmlText(const std::string& value) {
     for (int left = static_cast<int>(text.size()); left > 0;) {
         int length = left;
         const int c = xmlGetUTF8Char(p, &length);
-        if (c < 0 || !xmlIsCharQ(c)) return false;
+        // The library's reader takes a continuation byte for a lead byte: the shortest
+        // encoding of what it read must be the bytes themselves.
+        xmlChar encoded[8];
+        if (c < 0 || !xmlIsCharQ(c) || xmlCopyCharMultiByte(encoded, c) != length ||
+            memcmp(encoded, p, static_cast<size_t>(length)) != 0)
+            return false;
         p += length;
         left -= length;
     }

@@ -46,7 +46,7 @@ TEST_F(MigrationStatusTest, EveryStateWritesItsOwnStructure) {
     s.setAgentOperation(MigrationStatus::opDeploy);
     s.saveFile();
     EXPECT_EQ("migration-status(agent[action=deploy](host:src))", written());
-    s.setAgentOperation(static_cast<MigrationStatus::agentOperation>(7));
+    s.setAgentOperation(MigrationStatus::opWait);
     s.saveFile();
     EXPECT_EQ("migration-status(agent[action=wait](host:src))", written());
 
