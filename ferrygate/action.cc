@@ -192,16 +192,22 @@ void Action::doAlarm() {
     }
 }
 
-void update_status(int) {
-    Action* action = pAction;
-    if (action == nullptr) return;
-    action->raiseAlarm();
+namespace {
+void armStatusRefresh() {
     struct sigaction handler;
     memset(&handler, 0, sizeof handler);
     handler.sa_handler = update_status;
     sigemptyset(&handler.sa_mask);
     sigaction(SIGALRM, &handler, nullptr);
     alarm(kRefreshSeconds);
+}
+}  // namespace
+
+void update_status(int) {
+    Action* action = pAction;
+    if (action == nullptr) return;
+    action->raiseAlarm();
+    armStatusRefresh();
 }
 
 void Action::raiseAlarm() noexcept {
@@ -212,12 +218,7 @@ void Action::raiseAlarm() noexcept {
 
 void startStatusRefresh(Action* action) {
     pAction = action;
-    struct sigaction handler;
-    memset(&handler, 0, sizeof handler);
-    handler.sa_handler = update_status;
-    sigemptyset(&handler.sa_mask);
-    sigaction(SIGALRM, &handler, nullptr);
-    alarm(kRefreshSeconds);
+    armStatusRefresh();
 }
 
 void stopStatusRefresh() { pAction = nullptr; }

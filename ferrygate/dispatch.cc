@@ -49,21 +49,10 @@ void readListFromStdin(config& cfg) {
     }
 }
 
-// The agent's arguments and standard input for a dump. With the rsync transport the agent
-// learns how to reach this host from four lines ahead of the object lists.
 RetrieveDumpAction* makeDumpAction(const config& cfg) {
     std::vector<std::string> args;
     std::string input;
-    if (cfg.contentTransport == "rsync") {
-        input += cfg.host + "\n" + cfg.login + "\n" + cfg.password + "\n" +
-                 std::to_string(cfg.port) + "\n";
-        args.push_back("--content-transport=rsync");
-    }
-    if (cfg.action == ACTION_DUMP_ALL) {
-        args.push_back("--dump-all");
-    } else {
-        prepareDumpOptions(cfg, args, input);
-    }
+    prepareDumpAgentArguments(cfg, args, input);
     return new RetrieveDumpAction(args, input);
 }
 
