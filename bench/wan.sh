@@ -83,9 +83,12 @@ as_login head -c $((small_mib << 20)) "$home/big.bin" >"$home/small.bin"
 as_login mkdir -p "$agent/content"
 big_md5=$(md5sum <"$home/big.bin" | cut -c1-32)
 stage() { # NAME SOURCE
-    as_login cp "$2" "$agent/content/$1"
-    printf '%s\t%s\t%s\t%s\t%s\n' "$1" "$(stat -c %s "$2")" "$(stat -c %Y "$2")" \
-        "$(md5sum <"$2" | cut -c1-32)" "$(stat -c %s "$2")" | as_login tee "$agent/content-manifest" >/dev/null
+    local copy=$agent/content/$1
+    as_login cp "$2" "$copy"
+    # The agent trusts a recorded sum only while size and mtime match the file: otherwise it
+    # would sum the whole file again inside the measured run.
+    printf '%s\t%s\t%s\t%s\t%s\n' "$1" "$(stat -c %s "$copy")" "$(stat -c %Y "$copy")" \
+        "$(md5sum <"$2" | cut -c1-32)" "$(stat -c %s "$copy")" | as_login tee "$agent/content-manifest" >/dev/null
 }
 check() { # FILE MD5
     [ "$(md5sum <"$1" | cut -c1-32)" = "$2" ] || { echo "wan.sh: $1 differs from the source" >&2; exit 1; }
