@@ -124,7 +124,7 @@ TEST_F(Content, SpaceIsCheckedUnlessToldNotTo) {
 }
 
 TEST_F(Content, AStopRequestedDuringATransferEndsTheRunInOrder) {
-    addRandomFile("shop.test/big.bin", 64 * 1024 * 1024);
+    addRandomFile("shop.test/big.bin", 16 * 1024 * 1024);
     deployAndDump();
     config cfg;
     cfg.action = ACTION_GET_CONTENT;

@@ -7,8 +7,6 @@
 #include <regex>
 #include <stdexcept>
 
-#include "commons/checksum.h"
-
 namespace tavik {
 namespace test {
 
@@ -25,11 +23,6 @@ std::string ownerOf(const std::string& account) {
 }
 
 }  // namespace
-
-std::string md5OfFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return countMd5Sum(in);
-}
 
 SshdOptions MigrationTest::sshdOptions() const {
     SshdOptions options;

@@ -58,9 +58,8 @@ class MigrationTest : public SshdTest {
     testing::ScratchDir scratch_;
 };
 
+using testing::md5OfFile;
 using testing::readFile;
-// MD5 of a file as 32 lower-case hexadecimal digits.
-std::string md5OfFile(const std::string& path);
 
 }  // namespace test
 }  // namespace tavik

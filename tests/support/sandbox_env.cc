@@ -9,6 +9,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "commons/checksum.h"
+
 namespace tavik {
 namespace testing {
 
@@ -29,6 +31,11 @@ std::string readFile(const std::string& path) {
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
+}
+
+std::string md5OfFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return countMd5Sum(in);
 }
 
 bool addSystemAccount(const std::string& name) {

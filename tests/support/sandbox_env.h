@@ -14,6 +14,8 @@ bool inSandbox();
 void writeTextFile(const std::string& path, const std::string& text);
 // The whole file, or "" when it cannot be read.
 std::string readFile(const std::string& path);
+// MD5 of a file as 32 lower-case hexadecimal digits.
+std::string md5OfFile(const std::string& path);
 // Adds a system account without a home directory (useradd -M -r) unless it exists, inside the
 // sandbox only; false when there is no such account afterwards.
 bool addSystemAccount(const std::string& name);
