@@ -1,7 +1,6 @@
 // fg-relay between a loopback client and server: the WAN and fault tests rely on each rule
 // meaning what it says, at the byte count and the time it was given, with every byte intact.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/loopback.h"
 #include "support/relay_process.h"
 
 namespace tavik {
@@ -51,19 +51,12 @@ TEST(Relay, EachRuleHoldsAtItsByteCountAndTime) {
         SCOPED_TRACE(row.rules);
         std::vector<std::string> rules;
         boost::split(rules, row.rules, boost::is_any_of(" "));
-        Fd listener{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        ASSERT_EQ(0, bind(listener.fd, reinterpret_cast<sockaddr*>(&address), length));
-        ASSERT_EQ(0, listen(listener.fd, 1));
-        ASSERT_EQ(0, getsockname(listener.fd, reinterpret_cast<sockaddr*>(&address), &length));
+        testing::LoopbackSocket listener;
         // The server answers one byte with the pattern; a send that fails (rather than times
         // out) shows that a cut closed the server's side too.
         int sendError = 0;
         std::thread server([&] {
-            Fd peer{accept(listener.fd, nullptr, nullptr)};
+            Fd peer{accept(listener.fd(), nullptr, nullptr)};
             const timeval timeout{5, 0};
             setsockopt(peer.fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
             char c;
@@ -80,10 +73,8 @@ TEST(Relay, EachRuleHoldsAtItsByteCountAndTime) {
                 sent += static_cast<uint64_t>(w);
             }
         });
-        test::RelayProcess relay(ntohs(address.sin_port), rules);
-        Fd client{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-        address.sin_port = htons(relay.port());
-        ASSERT_EQ(0, connect(client.fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
+        test::RelayProcess relay(listener.port(), rules);
+        Fd client{testing::connectLoopback(relay.port())};
 
         const Clock::time_point start = Clock::now();
         ASSERT_EQ(1, send(client.fd, "?", 1, 0));
