@@ -75,13 +75,12 @@ TEST_F(Exec, InterleavedStandardOutputAndErrorStayApart) {
         "yes out-line | head -c 20000000 & yes err-line | head -c 20000000 >&2; wait";
     std::istringstream none;
     ASSERT_EQ(0, ssh->exec(command, none, out, err, true, true, Ssh::nullCounter));
-    std::string expectedOut, expectedErr;
-    for (int i = 0; i < 20000000 / 9; ++i) {
-        expectedOut += "out-line\n";
-        expectedErr += "err-line\n";
-    }
-    expectedOut += std::string("out-line\n", 20000000 % 9);
-    expectedErr += std::string("err-line\n", 20000000 % 9);
+    auto lines = [](const std::string& line) {
+        std::string text;
+        while (text.size() < 20000000) text += line;
+        return text.substr(0, 20000000);
+    };
+    const std::string expectedOut = lines("out-line\n"), expectedErr = lines("err-line\n");
     EXPECT_TRUE(out.str() == expectedOut) << "stdout differs, size " << out.str().size();
     EXPECT_TRUE(err.str() == expectedErr) << "stderr differs, size " << err.str().size();
 }
@@ -93,12 +92,12 @@ TEST_F(Exec, LargeOutputOnOneStreamWhileTheOtherIsSilent) {
         void operator()(int n) override { bytes += n; }
     } counter;
     std::istringstream none;
-    ASSERT_EQ(0, ssh->exec("head -c 30000000 /dev/zero", none, out, err, true, true, counter));
-    EXPECT_EQ(30000000u, out.str().size());
-    EXPECT_EQ(30000000, counter.bytes);
-    ASSERT_EQ(0, ssh->exec("head -c 30000000 /dev/zero >&2", none, out, err, true, true, counter));
-    EXPECT_EQ(30000000u, err.str().size());
-    EXPECT_EQ(30000000, counter.bytes) << "standard error must not be counted";
+    ASSERT_EQ(0, ssh->exec("head -c 8000000 /dev/zero", none, out, err, true, true, counter));
+    EXPECT_EQ(8000000u, out.str().size());
+    EXPECT_EQ(8000000, counter.bytes);
+    ASSERT_EQ(0, ssh->exec("head -c 8000000 /dev/zero >&2", none, out, err, true, true, counter));
+    EXPECT_EQ(8000000u, err.str().size());
+    EXPECT_EQ(8000000, counter.bytes) << "standard error must not be counted";
 }
 
 TEST_F(Exec, QuietFlagsKeepStreamsOutOfTheLog) {
