@@ -1,28 +1,12 @@
 #include "support/cmdline_watch.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <boost/filesystem.hpp>
 #include <chrono>
 
+#include "support/sandbox_env.h"
+
 namespace tavik {
 namespace test {
-
-namespace {
-
-// Processes come and go while /proc is read: a vanished one reads empty (a stream would throw).
-std::string readCmdline(const std::string& path) {
-    std::string line;
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return line;
-    char buffer[4096];
-    for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) line.append(buffer, n);
-    close(fd);
-    return line;
-}
-
-}  // namespace
 
 CmdlineWatch::CmdlineWatch() : thread_([this] { scan(); }) {}
 
@@ -41,7 +25,8 @@ void CmdlineWatch::scan() {
         boost::system::error_code error;
         for (fs::directory_iterator it("/proc", error), end; !error && it != end;
              it.increment(error)) {
-            std::string line = readCmdline((it->path() / "cmdline").string());
+            // A process that went away meanwhile reads as empty.
+            std::string line = testing::readFile((it->path() / "cmdline").string());
             if (line.empty()) continue;
             for (char& c : line) c = c == '\0' ? ' ' : c;
             std::lock_guard<std::mutex> lock(mutex_);
