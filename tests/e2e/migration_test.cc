@@ -46,33 +46,31 @@ class Migration : public MigrationTest {
         }
     }
 
-    void expectIdleAndSucceeded() {
-        EXPECT_NE(std::string::npos, readFile(sessionFile("migration.status")).find("<idle/>"));
-        EXPECT_NE(std::string::npos,
-                  readFile(sessionFile("migration.result")).find("status=\"success\""));
-    }
-
     // The whole migration, one run per action, checking what each leaves behind.
     void migrate(bool sudo) {
-        ProcessResult r = ferrygate({"--send-scout", "--verbose"}, sudo);
-        ASSERT_EQ(0, r.status) << r.err;
+        // Every action succeeds and leaves the status idle and a successful result.
+        auto step = [&](const char* action) {
+            const ProcessResult r = ferrygate({action, "--verbose"}, sudo);
+            EXPECT_EQ(0, r.status) << action << ": " << r.err;
+            EXPECT_NE(std::string::npos, readFile(sessionFile("migration.status")).find("<idle/>"));
+            EXPECT_NE(std::string::npos,
+                      readFile(sessionFile("migration.result")).find("status=\"success\""));
+            return r;
+        };
+        step("--send-scout");
         EXPECT_NE(std::string::npos,
                   readFile(sessionFile("scout-result.xml"))
                       .find("<tool name=\"sudo\" present=\"yes\" path=\"/usr/bin/sudo\"/>"));
-        expectIdleAndSucceeded();
 
-        r = ferrygate({"--deploy-agent", "--verbose"}, sudo);
-        ASSERT_EQ(0, r.status) << r.err;
+        step("--deploy-agent");
         EXPECT_NE(std::string::npos, readFile(sessionFile("agent-deployment.status"))
                                          .find("<statusfile>dumping-status.xml</statusfile>"));
         for (const char* file : {"FerryAgent.pm", "hostdump.pl", "hostdump.conf"}) {
             expectOwnedByLogin(remoteAgent_ + "/" + file);
         }
         EXPECT_FALSE(fs::exists(remoteAgent_ + "/control"));
-        expectIdleAndSucceeded();
 
-        r = ferrygate({"--dump-all", "--verbose"}, sudo);
-        ASSERT_EQ(0, r.status) << r.err;
+        step("--dump-all");
         const uid_t agentUid = sudo ? 0 : getpwnam(user().c_str())->pw_uid;
         EXPECT_EQ("uid=" + std::to_string(agentUid) + "\narg=--dump-all\nin-final-newline=no\n",
                   readFile(remoteAgent_ + "/last-invocation"));
@@ -83,12 +81,10 @@ class Migration : public MigrationTest {
             runProcess({"/usr/bin/xmllint", "--noout", "--dtdvalid",
                         agentsDir_ + "/hostdump/control/hostdump.dtd", sessionFile("dump.xml")});
         EXPECT_EQ(0, valid.status) << valid.out << valid.err;
-        expectIdleAndSucceeded();
 
         const auto archives = dumpArchives();
         ASSERT_EQ(4u, archives.size());
-        r = ferrygate({"--get-content", "--verbose"}, sudo);
-        ASSERT_EQ(0, r.status) << r.err;
+        step("--get-content");
         for (const auto& archive : archives) {
             EXPECT_EQ(archive.md5, md5OfFile(sessionFile(archive.name))) << archive.name;
             EXPECT_FALSE(fs::exists(remoteAgent_ + "/content/" + archive.name));
@@ -101,12 +97,10 @@ class Migration : public MigrationTest {
                          .status);
         EXPECT_EQ(readFile(hosting_ + "/web/example.com/httpdocs/img/logo.png"),
                   readFile(unpacked + "/example.com/httpdocs/img/logo.png"));
-        expectIdleAndSucceeded();
 
-        r = ferrygate({"--remove-agent", "--verbose"}, sudo);
-        ASSERT_EQ(0, r.status) << r.err;
+        const ProcessResult removed = step("--remove-agent");
         EXPECT_FALSE(fs::exists(remoteAgent_));
-        EXPECT_EQ("", r.out + r.err);
+        EXPECT_EQ("", removed.out + removed.err);
     }
 };
 
