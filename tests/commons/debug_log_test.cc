@@ -76,17 +76,6 @@ TEST_F(DebugLogTest, ConfiguredOnceButTheDebugAppenderIsDetachedOnEveryCallWitho
     EXPECT_EQ("", readFile(debugFile()));
 }
 
-TEST_F(DebugLogTest, AMissingPropertiesFileIsLog4cppsFailureNamingTheFile) {
-    const std::string missing = dir_.path() + "/none.properties";
-    try {
-        configureLog4Cpp(missing, logFile(), false);
-        FAIL() << "configured from a missing file";
-    } catch (const log4cpp::ConfigureFailure& e) {
-        EXPECT_NE(std::string::npos, std::string(e.what()).find(missing)) << e.what();
-    }
-    EXPECT_FALSE(log4cppInitialized);
-}
-
 TEST_F(DebugLogTest, RegisteredPasswordsNeverReachAnyAppender) {
     registerSecret("Login-Pw");
     registerSecret("sudo pw 9");
