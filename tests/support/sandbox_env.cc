@@ -33,6 +33,13 @@ std::string readFile(const std::string& path) {
     return text.str();
 }
 
+std::set<std::string> listDir(const std::string& dir) {
+    std::set<std::string> names;
+    for (const auto& entry : boost::filesystem::directory_iterator(dir))
+        names.insert(entry.path().filename().string());
+    return names;
+}
+
 std::string md5OfFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return countMd5Sum(in);

@@ -6,8 +6,10 @@
 
 #include <string>
 
+#include "support/raised.h"
+#include "support/sandbox_env.h"
+#include "support/xml_render.h"
 #include "xml/xml_wrap.h"
-#include "xml_test_util.h"
 
 namespace tavik {
 namespace {

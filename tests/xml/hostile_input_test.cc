@@ -13,7 +13,6 @@
 #include "support/sandbox_env.h"
 #include "xml/agent_file_list.h"
 #include "xml/xml_xpath.h"
-#include "xml_test_util.h"
 
 namespace tavik {
 namespace {
