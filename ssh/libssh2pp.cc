@@ -151,8 +151,11 @@ bool Session::preferMethod(int method, const char* preference) {
 
 Session::~Session() {
     logger.info("SSH session finished");
-    // The reserve channel left the session non-blocking, and freeing a channel waits for the
-    // peer's close: blocking, but bounded, so that a silent peer cannot stall the teardown.
+    // Freeing a channel that is still open waits for the peer's close, and when that wait times
+    // out, as it does with a peer gone silent, the library frees nothing at all. The connection
+    // ends here anyway: shut both ways, the socket ends every such wait at once.
+    shutdown(socket_, SHUT_RDWR);
+    // The reserve channel left the session non-blocking, in which a free gives up at once.
     libssh2_session_set_blocking(session_.get(), 1);
     libssh2_session_set_timeout(session_.get(), 5000);
     reserve_.reset();
