@@ -135,6 +135,11 @@ Session::Session(int socket, bool noEncryption, bool compatibility)
     if (!started || libssh2_session_startup(session_.get(), socket) != 0) {
         const std::string reason = lastError();
         logger.error("SSH session was not started: " + reason);
+        // A server that accepts the connection and then says nothing for the whole limit is
+        // as lost as one that goes quiet later; another attempt would only wait as long again.
+        if (libssh2_session_last_errno(session_.get()) == LIBSSH2_ERROR_TIMEOUT) {
+            TAVIK_RAISE(SshConnectionFault);
+        }
         TAVIK_RAISE(UnableToStartSshSession, reason);
     }
     const char* cipher = libssh2_session_methods(session_.get(), LIBSSH2_METHOD_CRYPT_SC);
