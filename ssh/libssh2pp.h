@@ -48,6 +48,8 @@ class Channel {
   private:
     // False once the connection under the channel is broken.
     bool transportAlive();
+    // Grants the peer again the room that reading has freed, once that is worth a message.
+    void reopenWindow();
 
     Handle<LIBSSH2_CHANNEL*, rku_libssh2_channel_free, DefaultValidationPolicy<LIBSSH2_CHANNEL*>>
         channel_;

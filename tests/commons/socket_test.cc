@@ -2,10 +2,10 @@
 #include "commons/socket.h"
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include "commons/handle.h"
+#include "support/loopback.h"
 #include "support/raised.h"
 
 namespace tavik {
@@ -29,27 +29,9 @@ TEST(Handle, ReleasesAValidValueOnceAndRefusesAnInvalidOne) {
     EXPECT_THROW(Socket(-1), Exc<&InvalidHandle>);
 }
 
-// A port on 127.0.0.1 bound to `s`, listening when `listening`.
-short boundPort(const Socket& s, bool listening) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(0, bind(s.descriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address));
-    if (listening) {
-        EXPECT_EQ(0, listen(s.descriptor(), 1));
-    }
-    socklen_t length = sizeof address;
-    getsockname(s.descriptor(), reinterpret_cast<sockaddr*>(&address), &length);
-    return static_cast<short>(ntohs(address.sin_port));
-}
-
 TEST(Socket, EachFailureHasItsKindTextAndPlace) {
     const std::string connect = "void tavik::Socket::connect(const std::string&, short int)";
-    short closed = 0;
-    {
-        Socket probe(::socket(AF_INET, SOCK_STREAM, 0));
-        closed = boundPort(probe, false);
-    }
+    const short closed = static_cast<short>(testing::LoopbackSocket(false).port());
     Socket refused(::socket(AF_INET, SOCK_STREAM, 0));
     auto e = caught<&ConnectionRefused>([&] { refused.connect("127.0.0.1", closed); });
     EXPECT_EQ("No one listening on the remote address at host 127.0.0.1", e.message());
@@ -65,8 +47,8 @@ TEST(Socket, EachFailureHasItsKindTextAndPlace) {
               notFound.context());
 
     // Connecting twice fails with EISCONN, which has no kind of its own.
-    Socket listener(::socket(AF_INET, SOCK_STREAM, 0));
-    const short port = boundPort(listener, true);
+    testing::LoopbackSocket listener;
+    const short port = static_cast<short>(listener.port());
     Socket socket(::socket(AF_INET, SOCK_STREAM, 0));
     socket.connect("127.0.0.1", port);
     EXPECT_EQ("Unable to connect to host 127.0.0.1: Transport endpoint is already connected",

@@ -1,7 +1,7 @@
 // Long dumps and content transfers: progress while they run, resuming, space, stopping.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <utime.h>
 
 #include <atomic>
@@ -26,22 +26,6 @@ namespace fs = boost::filesystem;
 class Content : public MigrationTest {
   protected:
     Content() : MigrationTest(FERRYGATE_BINARY) {}
-
-    // Adds a file of `size` random bytes to a site, so that its archive is as large.
-    void addRandomFile(const std::string& path, size_t size) {
-        std::ifstream random("/dev/urandom", std::ios::binary);
-        std::string bytes(size, '\0');
-        random.read(&bytes[0], static_cast<std::streamsize>(size));
-        testing::writeTextFile(hosting_ + "/web/" + path, bytes);
-        chmod((hosting_ + "/web/" + path).c_str(), 0644);
-    }
-
-    void deployAndDump() {
-        ProcessResult r = ferrygate({"--deploy-agent"});
-        ASSERT_EQ(0, r.status) << r.err;
-        r = ferrygate({"--dump-all"});
-        ASSERT_EQ(0, r.status) << r.err;
-    }
 };
 
 TEST_F(Content, ALongDumpRefreshesTheSessionsDumpingStatus) {
@@ -124,7 +108,7 @@ TEST_F(Content, SpaceIsCheckedUnlessToldNotTo) {
 }
 
 TEST_F(Content, AStopRequestedDuringATransferEndsTheRunInOrder) {
-    addRandomFile("shop.test/big.bin", 64 * 1024 * 1024);
+    addRandomFile("shop.test/big.bin", 16 * 1024 * 1024);
     deployAndDump();
     config cfg;
     cfg.action = ACTION_GET_CONTENT;

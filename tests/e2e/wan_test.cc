@@ -4,7 +4,10 @@
 
 #include <chrono>
 #include <fstream>
+#include <regex>
 #include <sstream>
+#include <thread>
+#include <vector>
 
 #include "ssh/ssh_transfer.h"
 #include "support/migration_host.h"
@@ -20,10 +23,10 @@ class Wan : public MigrationTest {
   protected:
     Wan() : MigrationTest(FERRYGATE_BINARY) {}
 
-    // A dump whose shop.test archive, listed after the others, holds 3 MiB of random bytes.
-    void dumpSites() {
+    // A dump whose shop.test archive, listed after the others, holds `size` random bytes.
+    void dumpSites(std::size_t size = 3 << 20) {
         std::ifstream random("/dev/urandom", std::ios::binary);
-        std::string bytes(3 << 20, '\0');
+        std::string bytes(size, '\0');
         random.read(&bytes[0], static_cast<std::streamsize>(bytes.size()));
         testing::writeTextFile(hosting_ + "/web/shop.test/big.bin", bytes);
         ASSERT_EQ(0, ferrygate({"--deploy-agent"}).status);
@@ -49,15 +52,47 @@ class Wan : public MigrationTest {
     std::vector<Archive> archives_;
 };
 
-TEST_F(Wan, ADownloadAcross50MillisecondsIsWholeAndQuick) {
-    dumpSites();
-    RelayProcess relay(port(), {"--delay-up-ms", "25", "--delay-down-ms", "25"});
-    const Clock::time_point start = Clock::now();
-    const ProcessResult r = getContent(relay.port());
+long long attribute(const std::string& xml, const std::string& name) {
+    std::smatch match;
+    return std::regex_search(xml, match, std::regex(" " + name + "=\"([0-9]+)\""))
+               ? std::stoll(match[1])
+               : -1;
+}
+
+TEST_F(Wan, ADownloadAcross50MillisecondsIsWholeAndReportsItsTrueSpeed) {
+    // About eight seconds at the relay's cap: the status counts whole seconds.
+    dumpSites(8 << 20);
+    RelayProcess relay(port(),
+                       {"--delay-up-ms", "25", "--delay-down-ms", "25", "--rate-down", "1000000"});
+    struct Sample {
+        Clock::time_point when;
+        long long done;
+        long long speed;
+    };
+    std::vector<Sample> samples;
+    ProcessResult r;
+    std::thread run([&] { r = getContent(relay.port()); });
+    const std::string status = sessionFile("migration.status");
+    for (const Clock::time_point start = Clock::now();
+         r.status < 0 && Clock::now() - start < std::chrono::seconds(60);
+         std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+        const std::string xml = testing::readFile(status);
+        const long long total = attribute(xml, "size-total"), left = attribute(xml, "size-left");
+        const long long speed = attribute(xml, "speed");
+        if (total > 0 && speed > 0) samples.push_back({Clock::now(), total - left, speed});
+    }
+    run.join();
     ASSERT_EQ(0, r.status) << r.err;
-    // Log-in, content list, one cat and one rm per archive: a few dozen round trips and 3 MiB.
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(20));
     expectAllArchivesHere();
+
+    // The rate the bytes really moved at, over the samples' span, against the last speed shown.
+    ASSERT_GE(samples.size(), 100u);
+    const Sample& first = samples.front();
+    const Sample& last = samples.back();
+    const double seconds = std::chrono::duration<double>(last.when - first.when).count();
+    const double measured = (last.done - first.done) / seconds;
+    EXPECT_NEAR(measured, static_cast<double>(last.speed), 0.2 * measured)
+        << "measured over " << seconds << " s";
 }
 
 TEST_F(Wan, ASilentServerEndsTheRunAsALostConnection) {

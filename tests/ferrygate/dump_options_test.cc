@@ -71,8 +71,6 @@ TEST_F(DumpOptionsTest, OnlyTheFileFormatsOwnSpellingsSetFilterAndCompression) {
     } cases[] = {
         {"filter=\"only-mail\" compression-level=\"standard\"", FILTER_ONLY_MAIL,
          COMPRESS_STANDARD},
-        {"filter=\"only-phosting\" compression-level=\"do-not-compress\"", FILTER_ONLY_HOSTING,
-         COMPRESS_NONE},
         {"filter=\"only-hosting\" compression-level=\"none\"", FILTER_EVERYTHING,
          COMPRESS_NOT_SPECIFIED},
         {"", FILTER_EVERYTHING, COMPRESS_NOT_SPECIFIED},

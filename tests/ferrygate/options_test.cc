@@ -94,15 +94,6 @@ TEST(VerifyOptions, RulesAndMessagesInOrder) {
     }
 }
 
-// The options fuzz target checks that every connecting action but the scout needs the agent.
-TEST(VerifyOptions, ActionsNameTheOptionTheyRequire) {
-    const auto e =
-        testing::caught<&OptParsingError>([] { no_action_option("agent-name", "deploy-agent"); });
-    EXPECT_EQ(kPrefix + "'--agent-name' is required when '--deploy-agent' action is requested",
-              e.message());
-    EXPECT_NE(std::string::npos, e.context().find("no_action_option"));
-}
-
 TEST(ParseOptions, PortIsASigned16BitNumberWithTrailingTextIgnored) {
     const std::vector<std::pair<std::string, int>> cases = {
         {"0", -1},        {"abc", -1},        {"65535", -1},  {"32768", -1},

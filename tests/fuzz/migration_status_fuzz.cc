@@ -10,6 +10,7 @@
 #include <libxml/parserInternals.h>
 #include <libxml/tree.h>
 #include <libxml/xmlstring.h>
+#include <libxml/xpath.h>
 #include <pwd.h>
 
 #include <boost/filesystem.hpp>
@@ -29,12 +30,11 @@ namespace {
 
 using tavik::fuzz::splitLines;
 
-struct DocFree {
-    void operator()(xmlDoc* doc) const { xmlFreeDoc(doc); }
+template <class T, void (*release)(T*)>
+struct Free {
+    void operator()(T* p) const { release(p); }
 };
-struct XmlFree {
-    void operator()(xmlChar* text) const { xmlFree(text); }
-};
+void freeText(xmlChar* text) { xmlFree(text); }
 
 // The library sees C strings: a value ends at its first NUL.
 std::string cut(const std::string& value) { return value.substr(0, value.find('\0')); }
@@ -65,33 +65,34 @@ bool says(const std::string& shown, const std::string& value) {
     return shown == cut(value) || !isXmlText(value);
 }
 
-const xmlNode* child(const xmlNode* parent, const char* name) {
-    for (const xmlNode* node = parent->children; node != nullptr; node = node->next) {
-        if (node->type == XML_ELEMENT_NODE && xmlStrEqual(node->name, BAD_CAST name)) return node;
+// The saved file as libxml2 alone reads it, so that a fault of the writer cannot hide behind
+// the same fault of a reader under test.
+class Saved {
+  public:
+    Saved()
+        : doc_(xmlReadFile(tavik::theSession->getStatusFileName().c_str(), nullptr,
+                           XML_PARSE_NONET)),
+          context_(xmlXPathNewContext(doc_.get())) {
+        FUZZ_CHECK(doc_ != nullptr && context_ != nullptr);
     }
-    return nullptr;
-}
+    // The string value of `expression`.
+    std::string operator()(const std::string& expression) const {
+        std::unique_ptr<xmlXPathObject, Free<xmlXPathObject, xmlXPathFreeObject>> result(
+            xmlXPathEvalExpression(BAD_CAST expression.c_str(), context_.get()));
+        FUZZ_CHECK(result != nullptr);
+        std::unique_ptr<xmlChar, Free<xmlChar, freeText>> text(xmlXPathCastToString(result.get()));
+        return reinterpret_cast<const char*>(text.get());
+    }
+    // Whether the one node at `path` says `value`.
+    bool shows(const std::string& path, const std::string& value) const {
+        return (*this)("count(" + path + ")") == "1" &&
+               says((*this)("string(" + path + ")"), value);
+    }
 
-std::string text(const xmlNode* node) {
-    std::unique_ptr<xmlChar, XmlFree> content(xmlNodeGetContent(node));
-    return content ? reinterpret_cast<const char*>(content.get()) : "";
-}
-
-std::string attribute(const xmlNode* node, const char* name) {
-    std::unique_ptr<xmlChar, XmlFree> value(xmlGetProp(node, BAD_CAST name));
-    FUZZ_CHECK(value != nullptr);
-    return reinterpret_cast<const char*>(value.get());
-}
-
-// Reads the saved file with libxml2 directly, never with the code under test.
-std::unique_ptr<xmlDoc, DocFree> readStatusFile() {
-    std::unique_ptr<xmlDoc, DocFree> doc(
-        xmlReadFile(tavik::theSession->getStatusFileName().c_str(), nullptr, XML_PARSE_NONET));
-    FUZZ_CHECK(doc != nullptr);
-    const xmlNode* root = xmlDocGetRootElement(doc.get());
-    FUZZ_CHECK(root != nullptr && xmlStrEqual(root->name, BAD_CAST "migration-status"));
-    return doc;
-}
+  private:
+    std::unique_ptr<xmlDoc, Free<xmlDoc, xmlFreeDoc>> doc_;
+    std::unique_ptr<xmlXPathContext, Free<xmlXPathContext, xmlXPathFreeContext>> context_;
+};
 
 void ignoreMessage(void*, const char*, ...) {}
 
@@ -148,35 +149,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     status->saveFile();
 
-    {
-        const auto doc = readStatusFile();
-        const xmlNode* root = xmlDocGetRootElement(doc.get());
-        if (state == 3) {
-            FUZZ_CHECK(says(attribute(root, "total-accounts"), v[2]));
-            FUZZ_CHECK(says(attribute(root, "completed-domains"), v[5]));
-            if (!cut(objectName).empty()) {
-                const xmlNode* object = child(root, "current-object");
-                FUZZ_CHECK(object != nullptr && says(text(object), objectName));
-            }
-        } else {
-            const xmlNode* element = child(root, state == 0 ? "agent" : "transfer");
-            FUZZ_CHECK(element != nullptr);
-            const xmlNode* hostNode = child(element, "host");
-            FUZZ_CHECK(hostNode != nullptr && says(text(hostNode), host));
-            if (state != 0 && !cut(speed).empty())
-                FUZZ_CHECK(says(attribute(element, "speed"), speed));
-            if (state == 2 && !cut(name).empty()) {
-                const xmlNode* files = child(element, "files");
-                FUZZ_CHECK(files != nullptr);
-                const xmlNode* current = child(files, "current-file");
-                FUZZ_CHECK(current != nullptr && says(text(current), name));
-            }
-        }
+    const Saved saved;
+    const std::string root = "/migration-status", element = root + (state ? "/transfer" : "/agent");
+    if (state == 3) {
+        FUZZ_CHECK(saved.shows(root + "/@total-accounts", v[2]));
+        FUZZ_CHECK(saved.shows(root + "/@completed-domains", v[5]));
+        if (!cut(objectName).empty()) FUZZ_CHECK(saved.shows(root + "/current-object", objectName));
+    } else {
+        FUZZ_CHECK(saved.shows(element + "/host", host));
+        if (state != 0 && !cut(speed).empty()) FUZZ_CHECK(saved.shows(element + "/@speed", speed));
+        if (state == 2 && !cut(name).empty())
+            FUZZ_CHECK(saved.shows(element + "/files/current-file", name));
     }
 
     // Destroying the document leaves the idle state behind, and that parses too.
     status.reset();
-    const auto doc = readStatusFile();
-    FUZZ_CHECK(child(xmlDocGetRootElement(doc.get()), "idle") != nullptr);
+    FUZZ_CHECK(Saved()("count(/migration-status/idle)") == "1");
     return 0;
 }

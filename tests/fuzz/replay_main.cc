@@ -15,44 +15,35 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** argv);
 
-namespace {
-
-void replay(const boost::filesystem::path& file) {
-    std::ifstream in(file.string(), std::ios::binary);
-    if (!in) {
-        std::cerr << "cannot read " << file << "\n";
-        exit(1);
-    }
-    const std::vector<char> bytes((std::istreambuf_iterator<char>(in)),
-                                  std::istreambuf_iterator<char>());
-    LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
+    namespace fs = boost::filesystem;
     if (LLVMFuzzerInitialize != nullptr) LLVMFuzzerInitialize(&argc, &argv);
-    size_t count = 0;
+    std::vector<fs::path> files;
     for (int i = 1; i < argc; ++i) {
-        const boost::filesystem::path target(argv[i]);
-        if (boost::filesystem::is_directory(target)) {
-            // Sorted, so that a failure names the same input on every run.
-            std::vector<boost::filesystem::path> files;
-            for (const auto& entry : boost::filesystem::directory_iterator(target)) {
-                if (boost::filesystem::is_regular_file(entry.path())) files.push_back(entry.path());
-            }
-            std::sort(files.begin(), files.end());
-            for (const auto& file : files) replay(file);
-            count += files.size();
-        } else {
-            replay(target);
-            ++count;
+        if (!fs::is_directory(argv[i])) {
+            files.push_back(argv[i]);
+            continue;
+        }
+        for (const auto& entry : fs::directory_iterator(argv[i])) {
+            if (fs::is_regular_file(entry.path())) files.push_back(entry.path());
         }
     }
-    if (count == 0) {
+    // Sorted, so that a failure names the same input on every run.
+    std::sort(files.begin(), files.end());
+    for (const fs::path& file : files) {
+        std::ifstream in(file.string(), std::ios::binary);
+        if (!in) {
+            std::cerr << "cannot read " << file << "\n";
+            return 1;
+        }
+        const std::string bytes((std::istreambuf_iterator<char>(in)),
+                                std::istreambuf_iterator<char>());
+        LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+    }
+    if (files.empty()) {
         std::cerr << "no input replayed\n";
         return 1;
     }
-    std::cout << count << " inputs replayed\n";
+    std::cout << files.size() << " inputs replayed\n";
     return 0;
 }

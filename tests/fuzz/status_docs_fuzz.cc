@@ -77,7 +77,7 @@ std::string readDeploymentStatus(const std::string& text) {
 }
 
 std::string readDocument(uint8_t which, const std::string& text) {
-    try {
+    return field([&] {
         switch (which % 6) {
             case 0:
                 return readContentList(text);
@@ -92,11 +92,7 @@ std::string readDocument(uint8_t which, const std::string& text) {
             default:
                 return readDeploymentStatus(text);
         }
-    } catch (const tavik::ExTraceable& e) {
-        return "<" + e.code() + ">";
-    } catch (const boost::bad_lexical_cast&) {
-        return "<not a number>";
-    }
+    });
 }
 
 }  // namespace

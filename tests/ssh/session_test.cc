@@ -86,14 +86,6 @@ TEST_F(PasswordServer, NoEncryptionIsRefusedAndRetriedOnceInCompatibilityMode) {
     EXPECT_EQ(2, countMatches(socketLog.text(), "Connection closed\n"));
 }
 
-TEST_F(PasswordServer, CompatibilityModeNeedsTheLegacyKeyExchange) {
-    Socket socket(::socket(AF_INET, SOCK_STREAM, 0));
-    socket.connect(host(), static_cast<short>(port()));
-    const std::string message = testing::messageOf<&UnableToStartSshSession>(
-        [&] { libssh2pp::Session session(socket.descriptor(), false, true); });
-    EXPECT_NE(std::string::npos, message.find("Unable to exchange encryption keys")) << message;
-}
-
 class KeyboardInteractiveServer : public SshdTest {
     SshdOptions sshdOptions() const override {
         SshdOptions options;

@@ -4,6 +4,7 @@
 #define FERRYGATE_TESTS_SUPPORT_FAKE_SSH_H
 
 #include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -36,7 +37,16 @@ class FakeSsh : public Ssh {
         : log_(log), reply_(reply) {}
 
     int exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
-             bool quietOutput, bool quietInput, Counter& counter) override;
+             bool quietOutput, bool quietInput, Counter& counter) override {
+        std::ostringstream input;
+        if (in.rdbuf() != nullptr) input << in.rdbuf();
+        log_->push_back(SentCommand{command, input.str(), quietOutput, quietInput});
+        const Reply reply = reply_ ? reply_(command, input.str()) : Reply();
+        if (!reply.out.empty()) counter(static_cast<int>(reply.out.size()));
+        out << reply.out;
+        err << reply.err;
+        return reply.status;
+    }
 
     // Answers `reply` to every command that contains `part`, and status 0 to the others.
     static Responder answer(const std::string& part, const Reply& reply) {

@@ -7,8 +7,6 @@
 #include <regex>
 #include <stdexcept>
 
-#include "commons/checksum.h"
-
 namespace tavik {
 namespace test {
 
@@ -26,11 +24,6 @@ std::string ownerOf(const std::string& account) {
 
 }  // namespace
 
-std::string md5OfFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return countMd5Sum(in);
-}
-
 SshdOptions MigrationTest::sshdOptions() const {
     SshdOptions options;
     options.ports = "20000-32767";
@@ -39,6 +32,8 @@ SshdOptions MigrationTest::sshdOptions() const {
 
 void MigrationTest::SetUp() {
     SshdTest::SetUp();
+    // A cheap password hash: every run logs in, and the default hash costs half a second.
+    mustRun({"/usr/sbin/chpasswd", "-c", "SHA512", "-s", "1000"}, user() + ":" + password() + "\n");
     const std::string root = scratch_.path();
     // The login reads the hosting tree when the agent runs without sudo.
     chmod(root.c_str(), 0755);
@@ -94,6 +89,21 @@ void MigrationTest::configureAgent(const std::string& extraLines) {
     testing::writeTextFile(
         agentsDir_ + "/hostdump/hostdump.conf",
         "web_root = " + hosting_ + "/web\nmail_root = " + hosting_ + "/mail\n" + extraLines);
+}
+
+void MigrationTest::addRandomFile(const std::string& path, size_t size) {
+    std::ifstream random("/dev/urandom", std::ios::binary);
+    std::string bytes(size, '\0');
+    random.read(&bytes[0], static_cast<std::streamsize>(size));
+    testing::writeTextFile(hosting_ + "/web/" + path, bytes);
+    chmod((hosting_ + "/web/" + path).c_str(), 0644);
+}
+
+void MigrationTest::deployAndDump() {
+    ProcessResult r = ferrygate({"--deploy-agent"});
+    ASSERT_EQ(0, r.status) << r.err;
+    r = ferrygate({"--dump-all"});
+    ASSERT_EQ(0, r.status) << r.err;
 }
 
 ProcessResult MigrationTest::ferrygate(const std::vector<std::string>& args, bool sudo,

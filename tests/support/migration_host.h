@@ -35,6 +35,11 @@ class MigrationTest : public SshdTest {
                                const std::vector<std::string>& env, const std::string& input = "");
     // Writes hostdump.conf beside the product's agent (deployed along with it).
     void configureAgent(const std::string& extraLines = "");
+    // Adds a file of `size` random bytes to a site (`path` below the web root), so that its
+    // archive is about as large.
+    void addRandomFile(const std::string& path, size_t size);
+    // Deploys the agent and dumps everything, both of which must succeed.
+    void deployAndDump();
 
     std::string sessionFile(const std::string& name) const { return session_ + "/" + name; }
 
@@ -58,9 +63,8 @@ class MigrationTest : public SshdTest {
     testing::ScratchDir scratch_;
 };
 
+using testing::md5OfFile;
 using testing::readFile;
-// MD5 of a file as 32 lower-case hexadecimal digits.
-std::string md5OfFile(const std::string& path);
 
 }  // namespace test
 }  // namespace tavik

@@ -9,6 +9,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "commons/checksum.h"
+
 namespace tavik {
 namespace testing {
 
@@ -29,6 +31,18 @@ std::string readFile(const std::string& path) {
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
+}
+
+std::set<std::string> listDir(const std::string& dir) {
+    std::set<std::string> names;
+    for (const auto& entry : boost::filesystem::directory_iterator(dir))
+        names.insert(entry.path().filename().string());
+    return names;
+}
+
+std::string md5OfFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return countMd5Sum(in);
 }
 
 bool addSystemAccount(const std::string& name) {

@@ -3,6 +3,7 @@
 #ifndef FERRYGATE_TESTS_SUPPORT_SANDBOX_ENV_H
 #define FERRYGATE_TESTS_SUPPORT_SANDBOX_ENV_H
 
+#include <set>
 #include <string>
 
 namespace tavik {
@@ -14,6 +15,10 @@ bool inSandbox();
 void writeTextFile(const std::string& path, const std::string& text);
 // The whole file, or "" when it cannot be read.
 std::string readFile(const std::string& path);
+// The names in a directory.
+std::set<std::string> listDir(const std::string& dir);
+// MD5 of a file as 32 lower-case hexadecimal digits.
+std::string md5OfFile(const std::string& path);
 // Adds a system account without a home directory (useradd -M -r) unless it exists, inside the
 // sandbox only; false when there is no such account afterwards.
 bool addSystemAccount(const std::string& name);

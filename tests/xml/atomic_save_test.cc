@@ -2,13 +2,14 @@
 #include <pwd.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
 
+#include "support/raised.h"
+#include "support/sandbox_env.h"
+#include "support/xml_render.h"
 #include "xml/xml_wrap.h"
-#include "xml_test_util.h"
 
 namespace tavik {
 namespace {
@@ -69,24 +70,17 @@ TEST_F(AtomicSave, MissingDirectoryFailsOnTheTemporaryFile) {
 // An unprivileged process may write the directory but not give files away.
 TEST_F(AtomicSave, RefusedOwnerChangeLeavesTheNewFileBesideTheUntouchedTarget) {
     ASSERT_EQ(0, chmod(dir_.path().c_str(), 0777));
-    int message[2];
-    ASSERT_EQ(0, pipe(message));
-    const pid_t child = fork();
-    if (child == 0) {
-        if (setgid(65534) != 0 || setuid(65534) != 0) _exit(3);
-        const std::string text =
-            messageOf<&CantTakeFileOwnership>([&] { doc_.saveToFileAtomically(target_); });
-        _exit(write(message[1], text.data(), text.size()) > 0 ? 0 : 4);
-    }
-    close(message[1]);
-    int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    ASSERT_EQ(0, status) << "3: could not drop root";
-    char text[4096];
-    const ssize_t n = read(message[0], text, sizeof text);
-    close(message[0]);
-    EXPECT_EQ("Cannot take ownership of " + leftover() + ": Operation not permitted",
-              std::string(text, n > 0 ? n : 0));
+    EXPECT_EXIT(
+        {
+            if (setgid(65534) != 0 || setuid(65534) != 0) _exit(3);
+            const std::string message =
+                messageOf<&CantTakeFileOwnership>([&] { doc_.saveToFileAtomically(target_); });
+            fprintf(stderr, "%s\n", message.c_str());
+            _exit(message == "Cannot take ownership of " + leftover() + ": Operation not permitted"
+                      ? 0
+                      : 1);
+        },
+        ::testing::ExitedWithCode(0), "Cannot take ownership of .*: Operation not permitted");
     EXPECT_EQ("new", renderFile(leftover()));
     EXPECT_EQ("old", readFile(target_));
 }

@@ -5,9 +5,10 @@
 #include <boost/lexical_cast.hpp>
 #include <string>
 
+#include "support/raised.h"
+#include "support/sandbox_env.h"
 #include "xml/agent_file_list.h"
 #include "xml/agents_list.h"
-#include "xml_test_util.h"
 
 namespace tavik {
 namespace {

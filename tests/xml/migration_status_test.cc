@@ -9,8 +9,10 @@
 #include <string>
 #include <thread>
 
+#include "commons/exceptions.h"
 #include "ferrygate/session.h"
-#include "xml_test_util.h"
+#include "support/sandbox_env.h"
+#include "support/xml_render.h"
 
 namespace tavik {
 namespace {

@@ -2,8 +2,9 @@
 
 #include <string>
 
+#include "support/raised.h"
+#include "support/sandbox_env.h"
 #include "xml/xml_validation.h"
-#include "xml_test_util.h"
 
 namespace tavik {
 namespace {

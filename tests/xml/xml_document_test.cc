@@ -1,13 +1,15 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <libxml/globals.h>
 #include <unistd.h>
 
 #include <sstream>
 #include <string>
 
+#include "support/raised.h"
+#include "support/sandbox_env.h"
 #include "xml/xml_parse.h"
 #include "xml/xml_wrap.h"
-#include "xml_test_util.h"
 
 namespace tavik {
 namespace {

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "support/raised.h"
 #include "xml/xml_xpath.h"
-#include "xml_test_util.h"
 
 namespace tavik {
 namespace {
@@ -52,7 +52,7 @@ TEST_F(XPathTest, RelativeExpressionsStartAtTheContextNode) {
     EXPECT_EQ(kCantEvaluate + std::string("//c'"),
               messageOf<&tError_XPath_CantEvaluate>([&] { tXPathExpr(doc_, "//c").getXmlNode(); }));
 
-    EXPECT_EQ("b", testing::str(getXmlChild(doc_.getRootNode(), "b")->name));
+    EXPECT_STREQ("b", reinterpret_cast<const char*>(getXmlChild(doc_.getRootNode(), "b")->name));
     EXPECT_EQ(nullptr, getXmlChild(doc_.getRootNode(), "B"));
     EXPECT_EQ(nullptr, getXmlChild(first.get(), "text"));
     EXPECT_EQ("Assertion failed: node != NULL",
@@ -63,7 +63,7 @@ TEST_F(XPathTest, RelativeExpressionsStartAtTheContextNode) {
 struct Collect : tXmlOperator {
     mutable std::vector<std::string> seen;
     void act(xmlNode* node) const override {
-        const std::string text = testing::str(node->children->content);
+        const std::string text = reinterpret_cast<const char*>(node->children->content);
         if (text == "two") TAVIK_RAISE(tError_WrongContent, "bad " + text);
         if (text == "boom") throw std::logic_error("untagged");
         seen.push_back(text);

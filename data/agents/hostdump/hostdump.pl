@@ -29,10 +29,7 @@ use FindBin ();
 use lib $FindBin::Bin, "$FindBin::Bin/../shared";
 use FerryAgent qw(xml_escape xml_element write_atomically write_dumping_status md5_file
   read_config timestamp);
-use File::Find ();
 use Getopt::Long ();
-use Sys::Hostname ();
-use Time::HiRes ();
 
 my $AGENT = 'hostdump';
 my $VERSION = '1.0';
@@ -70,6 +67,10 @@ if ($opt{'get-status'}) {
 } elsif ($opt{'get-content-list'}) {
     print_content_list();
 } elsif ($dumping) {
+    # Loaded here, not at the top: the content list, asked for on every download, needs none.
+    require File::Find;
+    require Sys::Hostname;
+    require Time::HiRes;
     my $started = Time::HiRes::time();
     my $ok = eval { dump_host(\@input, $started); 1 };
     unless ($ok) {
@@ -111,6 +112,7 @@ sub record_invocation {
 }
 
 sub print_status {
+    require Sys::Hostname;
     my @tools = map { my $path = find_program($_); [ $_, $path ] } qw(tar gzip);
     print qq(<?xml version="1.0" encoding="UTF-8"?>\n<agentstatus>\n);
     print '  ', xml_element('statusfile', [], 'dumping-status.xml'), "\n";

@@ -7,9 +7,9 @@ package FerryAgent;
 
 use strict;
 use warnings;
-use Digest::MD5 ();
 use File::Basename ();
-use POSIX ();
+# Modules that only some commands need are loaded where they are used: every command pays for
+# what is loaded here, and the content list, asked for on every download, needs none of them.
 
 our $VERSION = '1.0';
 
@@ -74,6 +74,7 @@ sub write_atomically {
 }
 
 sub timestamp {
+    require POSIX;
     return POSIX::strftime('%Y-%m-%dT%H:%M:%SZ', gmtime(shift // time()));
 }
 
@@ -104,6 +105,7 @@ sub md5_file {
     my ($path) = @_;
     open(my $in, '<', $path) or die "cannot read $path: $!\n";
     binmode($in);
+    require Digest::MD5;
     my $md5 = Digest::MD5->new;
     $md5->addfile($in);
     close($in);
