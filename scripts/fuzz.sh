@@ -16,6 +16,7 @@
 # it is fixed: the normal build replays that directory in ctest.
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
+. "$here/scripts/lib-parallel.sh"
 build=${FERRYGATE_FUZZ_BUILD_DIR:-$here/build-fuzz}
 seconds=${FERRYGATE_FUZZ_SECONDS:-60}
 jobs=${FERRYGATE_FUZZ_JOBS:-2}
@@ -68,18 +69,4 @@ run_target() {
     fi
 }
 
-failed=0
-running=0
-for name in "${targets[@]}"; do
-    if [ "$running" -ge "$jobs" ]; then
-        wait -n || failed=1
-        running=$((running - 1))
-    fi
-    run_target "$name" &
-    running=$((running + 1))
-done
-while [ "$running" -gt 0 ]; do
-    wait -n || failed=1
-    running=$((running - 1))
-done
-exit $failed
+run_parallel "$jobs" run_target "${targets[@]}"

@@ -12,6 +12,7 @@
 # FERRYGATE_VALGRIND_JOBS  test cases run at once (default 2)
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
+. "$here/scripts/lib-parallel.sh"
 build=${FERRYGATE_BUILD_DIR:-$here/build}
 selection=${FERRYGATE_VALGRIND_TESTS:-"test_e2e:* test_ferrygate:Driver.*"}
 jobs=${FERRYGATE_VALGRIND_JOBS:-2}
@@ -64,19 +65,7 @@ if [ ${#cases[@]} -eq 0 ]; then
 fi
 
 failed=0
-running=0
-for entry in "${cases[@]}"; do
-    if [ "$running" -ge "$jobs" ]; then
-        wait -n || failed=1
-        running=$((running - 1))
-    fi
-    run_case ${entry} &
-    running=$((running + 1))
-done
-while [ "$running" -gt 0 ]; do
-    wait -n || failed=1
-    running=$((running - 1))
-done
+run_parallel "$jobs" run_case "${cases[@]}" || failed=1
 
 reports=$(grep -l 'ERROR SUMMARY: [1-9]' "$logs"/*.log | sort || true)
 if [ -n "$reports" ]; then

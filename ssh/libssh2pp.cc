@@ -156,6 +156,11 @@ Session::Session(int socket, bool noEncryption, bool compatibility)
     if (!started || libssh2_session_startup(session_.get(), socket) != 0) {
         const std::string reason = lastError();
         logger.error("SSH session was not started: " + reason);
+        // A server that accepts the connection and then says nothing for the whole limit is
+        // as lost as one that goes quiet later; another attempt would only wait as long again.
+        if (libssh2_session_last_errno(session_.get()) == LIBSSH2_ERROR_TIMEOUT) {
+            TAVIK_RAISE(SshConnectionFault);
+        }
         TAVIK_RAISE(UnableToStartSshSession, reason);
     }
     const char* cipher = libssh2_session_methods(session_.get(), LIBSSH2_METHOD_CRYPT_SC);
@@ -172,8 +177,11 @@ bool Session::preferMethod(int method, const char* preference) {
 
 Session::~Session() {
     logger.info("SSH session finished");
-    // The reserve channel left the session non-blocking, and freeing a channel waits for the
-    // peer's close: blocking, but bounded, so that a silent peer cannot stall the teardown.
+    // Freeing a channel that is still open waits for the peer's close, and when that wait times
+    // out, as it does with a peer gone silent, the library frees nothing at all. The connection
+    // ends here anyway: shut both ways, the socket ends every such wait at once.
+    shutdown(socket_, SHUT_RDWR);
+    // The reserve channel left the session non-blocking, in which a free gives up at once.
     libssh2_session_set_blocking(session_.get(), 1);
     libssh2_session_set_timeout(session_.get(), 5000);
     reserve_.reset();

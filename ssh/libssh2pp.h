@@ -62,7 +62,8 @@ class Session {
   public:
     // Starts the protocol on `socket`. With `noEncryption` the session insists on the "none"
     // cipher in both directions; a library that cannot offer it fails the start. Throws
-    // InvalidHandle or UnableToStartSshSession (with the library's last error text).
+    // InvalidHandle or UnableToStartSshSession (with the library's last error text), and
+    // SshConnectionFault when the server stays silent for the silence limit.
     Session(int socket, bool noEncryption, bool compatibility);
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;

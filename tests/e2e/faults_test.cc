@@ -1,7 +1,6 @@
 // The fault matrix: the real ferrygate against a loopback sshd that crashes, a disk that fills,
 // a broken host configuration, kills at random moments and hostile remote paths. Each row checks
 // the exit code and message, that nothing already on disk is lost, and that a rerun finishes.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
@@ -48,6 +47,10 @@ uint64_t sizeOf(const std::string& path) {
     return ec ? 0 : size;
 }
 
+bool fileHas(const std::string& path, const std::string& part) {
+    return readFile(path).find(part) != std::string::npos;
+}
+
 // True when `path` holds a whole status document of a known shape.
 bool wellFormedStatus(const std::string& path) {
     xmlDocPtr doc = xmlReadFile(path.c_str(), nullptr, XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
@@ -69,19 +72,10 @@ bool wellFormedStatus(const std::string& path) {
     return ok;
 }
 
-// A rate-capped relay in front of `target`, on a port the command line accepts (below 32768).
+// A download through this lasts seconds.
 std::unique_ptr<RelayProcess> slowRelay(uint16_t target) {
-    std::mt19937 random(std::random_device{}());
-    for (int attempt = 0;; ++attempt) {
-        const std::string listen =
-            "127.0.0.1:" + std::to_string(std::uniform_int_distribution<int>(20000, 32767)(random));
-        try {
-            return std::make_unique<RelayProcess>(
-                target, std::vector<std::string>{"--listen", listen, "--rate-down", "4000000"});
-        } catch (const std::runtime_error&) {
-            if (attempt == 20) throw;
-        }
-    }
+    return std::make_unique<RelayProcess>(target,
+                                          std::vector<std::string>{"--rate-down", "4000000"});
 }
 
 class Faults : public MigrationTest {
@@ -191,41 +185,48 @@ TEST_F(Faults, TheServerDisappears) {
     EXPECT_EQ(0, r.status) << r.err;
 
     // A listener that takes every connection and hangs up at once.
-    const int listener = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    std::mt19937 random(std::random_device{}());
-    do {  // the command line takes ports below 32768 only
-        address.sin_port = htons(std::uniform_int_distribution<uint16_t>(20000, 32767)(random));
-    } while (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0);
-    ASSERT_EQ(0, listen(listener, 4));
-    std::thread hangUp([&] {
-        for (int peer; (peer = accept(listener, nullptr, nullptr)) >= 0;) close(peer);
-    });
-    r = ferrygateRaw({"--host=127.0.0.1", "--port=" + std::to_string(ntohs(address.sin_port)),
-                      "--login=" + user(), "--session-path=" + session_, "--send-scout"},
-                     {"HMX_PASSWORD=" + password()});
-    shutdown(listener, SHUT_RDWR);
-    hangUp.join();
-    close(listener);
+    {
+        RelayProcess hangUp(port(), {"--cut-down-at", "0"});
+        r = ferrygate({"--send-scout", "--port=" + std::to_string(hangUp.port())});
+    }
     EXPECT_EQ(2, r.status);
     EXPECT_EQ("Unable to start SSH session: Failed getting banner", r.err);
     EXPECT_TRUE(wellFormedStatus(sessionFile("migration.status")));
+
+    // A listener that takes the connection and never says a word: the silence limit ends it.
+    std::ofstream("/etc/hmx/hmx.conf", std::ios::app) << "SSH_SILENCE_TIMEOUT 3\n";
+    {
+        RelayProcess silent(port(), {"--stall-down-at", "0", "--stall-ms", "600000"});
+        const auto start = Clock::now();
+        r = ferrygate({"--send-scout", "--port=" + std::to_string(silent.port())});
+        EXPECT_GE(Clock::now() - start, std::chrono::seconds(3));
+        EXPECT_LT(Clock::now() - start, std::chrono::seconds(9));
+    }
+    EXPECT_EQ(18, r.status);
+    EXPECT_EQ(lost, r.err);
 
     // Killed while it checks the password: a lost connection, not a wrong password. The
     // default, slow hash leaves time to kill it there.
     runProcess({"/usr/sbin/chpasswd"}, user() + ":" + password() + "\n");
     fs::remove(sessionFile("migration.log"));
     r = runDuring({"--send-scout"}, [&] {
-        waitFor(
-            [&] {
-                return readFile(sessionFile("migration.log")).find("Trying 'password'") !=
-                       std::string::npos;
-            },
-            10000);
+        waitFor([&] { return fileHas(sessionFile("migration.log"), "Trying 'password'"); }, 10000);
         sshd().killSessions();
     });
+    EXPECT_EQ(18, r.status);
+    EXPECT_EQ(lost, r.err);
+
+    // Lost once logged in, before the first command's channel opens: the relay holds the
+    // channel request back long enough for the kill to land first.
+    fs::remove(sessionFile("migration.log"));
+    {
+        RelayProcess slowUp(port(), {"--delay-up-ms", "300"});
+        r = runDuring({"--send-scout", "--port=" + std::to_string(slowUp.port())}, [&] {
+            waitFor([&] { return fileHas(sessionFile("migration.log"), "Opening SSH channel"); },
+                    20000);
+            sshd().killSessions();
+        });
+    }
     EXPECT_EQ(18, r.status);
     EXPECT_EQ(lost, r.err);
 }
@@ -254,6 +255,31 @@ TEST_F(Faults, AFullDiskFailsTheDownloadAndARerunFinishesOnceThereIsRoom) {
     EXPECT_EQ(0, r.status) << r.err;
     for (const auto& file : files) EXPECT_EQ(file.md5, md5OfFile(dumps + "/" + file.name));
     umount(dumps.c_str());
+}
+
+// A relay cannot drop packets, but the stalls their retransmissions cause it can make: across a
+// 100 ms round trip with four one-second stalls, 200 MB arrive whole.
+TEST_F(Faults, ALargeDownloadSurvivesASlowLossyLine) {
+    ASSERT_EQ(0, ferrygate({"--deploy-agent"}).status);
+    const std::string remote = remoteAgent_ + "/content/big.tar.gz";
+    const ProcessResult made =
+        sshd().runAsUser("mkdir -p '" + remoteAgent_ + "/content' && head -c " +
+                         "200000000 /dev/urandom >'" + remote + "'");
+    ASSERT_EQ(0, made.status) << made.err;
+    const std::string md5 = md5OfFile(remote);
+    std::vector<std::string> rules = {"--delay-up-ms", "50",  "--delay-down-ms", "50",
+                                      "--stall-ms",    "1000"};
+    for (const char* at : {"2000000", "60000000", "120000000", "190000000"})
+        rules.insert(rules.end(), {"--stall-down-at", at});
+    RelayProcess line(port(), rules);
+    const auto start = Clock::now();
+    const ProcessResult r = ferrygate({"--get-content", "--port=" + std::to_string(line.port())});
+    std::cerr << "200 MB in "
+              << std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start).count()
+              << " s\n";
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_EQ(md5, md5OfFile(sessionFile("big.tar.gz")));
+    EXPECT_FALSE(fs::exists(remote)) << "the source copy goes once the local one is whole";
 }
 
 // A broken destination host: each row breaks one thing and runs one action.

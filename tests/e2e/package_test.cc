@@ -105,11 +105,19 @@ std::set<std::string> wordsOf(const std::string& text) {
     return {std::istream_iterator<std::string>(words), std::istream_iterator<std::string>()};
 }
 
+// An instrumented build links the sanitizer runtimes, which no installed product ever needs.
+#ifdef __SANITIZE_ADDRESS__
+#define NOT_SHIPPED " | grep -Ev '^lib(a|ub)san[.]so'"
+#else
+#define NOT_SHIPPED ""
+#endif
+
 // The Debian packages that own the shared libraries the program names as NEEDED. Merged /usr:
 // dpkg may have recorded a library under /lib or under /usr/lib.
 std::set<std::string> packagesOfNeededLibraries() {
     return wordsOf(
-        sh("b=" FERRYGATE_BINARY "; for l in $(objdump -p $b | awk '$1==\"NEEDED\"{print $2}'); do"
+        sh("b=" FERRYGATE_BINARY
+           "; for l in $(objdump -p $b | awk '$1==\"NEEDED\"{print $2}'" NOT_SHIPPED "); do"
            " p=$(readlink -f $(ldd $b | awk -v l=$l '$1==l{print $3}') | sed 's,^/usr,,');"
            " dpkg -S $p /usr$p 2>/dev/null | cut -d: -f1; done")
             .out);

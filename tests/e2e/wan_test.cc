@@ -101,7 +101,7 @@ TEST_F(Wan, ASilentServerEndsTheRunAsALostConnection) {
     RelayProcess relay(port(), {"--stall-down-at", "1500000", "--stall-ms", "60000"});
     const Clock::time_point start = Clock::now();
     const ProcessResult r = getContent(relay.port());
-    EXPECT_EQ(18, r.status);
+    EXPECT_EQ(18, r.status) << r.err;
     EXPECT_NE(std::string::npos, r.err.find("Lost connection with the remote host")) << r.err;
     // Two seconds of silence, found at the end of a wait of at most five.
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(15));

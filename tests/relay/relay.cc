@@ -50,8 +50,8 @@ constexpr int kReadsPerWakeup = 8;
 
 struct DirectionRules {
     Millis delay{0};
-    uint64_t rate = 0;  // bytes per second; 0 is unlimited
-    uint64_t stallAt = kNever;
+    uint64_t rate = 0;              // bytes per second; 0 is unlimited
+    std::vector<uint64_t> stallAt;  // ascending byte counts, each a stall
     Millis stallFor{0};
     uint64_t cutAt = kNever;
 };
@@ -152,8 +152,12 @@ class Direction {
         refill(now);
         while (!queue_.empty() && !destinationFull_) {
             if (forwarded_ == rules_.cutAt) return Outcome::Cut;
-            if (forwarded_ == rules_.stallAt && !stallEnd_) stallEnd_ = now + rules_.stallFor;
-            if (stallEnd_ && now < *stallEnd_) break;
+            if (stallEnd_ && now >= *stallEnd_) {
+                stallEnd_.reset();
+                ++stallsDone_;
+            }
+            if (!stallEnd_ && forwarded_ == nextStall()) stallEnd_ = now + rules_.stallFor;
+            if (stallEnd_) break;
             Chunk& head = queue_.front();
             if (head.due > now) break;
             if (head.data.empty()) {
@@ -163,7 +167,7 @@ class Direction {
             }
             size_t want = head.data.size() - head.offset;
             want = std::min<uint64_t>(want, limitBefore(rules_.cutAt));
-            if (!stallEnd_) want = std::min<uint64_t>(want, limitBefore(rules_.stallAt));
+            want = std::min<uint64_t>(want, limitBefore(nextStall()));
             if (rules_.rate) want = std::min<uint64_t>(want, static_cast<uint64_t>(tokens_));
             if (want == 0) break;
             ssize_t n = send(fd, head.data.data() + head.offset, want, MSG_NOSIGNAL);
@@ -209,6 +213,10 @@ class Direction {
         size_t offset;
     };
 
+    uint64_t nextStall() const {
+        return stallsDone_ < rules_.stallAt.size() ? rules_.stallAt[stallsDone_] : kNever;
+    }
+
     uint64_t limitBefore(uint64_t mark) const {
         return forwarded_ < mark ? mark - forwarded_ : kNever;
     }
@@ -228,6 +236,7 @@ class Direction {
     bool destinationFull_ = false;
     uint64_t forwarded_ = 0;
     std::optional<Clock::time_point> stallEnd_;
+    size_t stallsDone_ = 0;
     uint64_t burst_;
     double tokens_;
     Clock::time_point refilled_;
@@ -464,7 +473,7 @@ void printUsage(FILE* out) {
         "Rules per direction, up = client to server, down = server to client:\n"
         "  --delay-up-ms MS, --delay-down-ms MS   hold every byte back for MS milliseconds\n"
         "  --rate-up B, --rate-down B             cap the rate at B bytes per second\n"
-        "  --stall-up-at N, --stall-down-at N     pause for --stall-ms after N bytes\n"
+        "  --stall-up-at N, --stall-down-at N     pause for --stall-ms after N bytes (repeatable)\n"
         "  --stall-ms MS                          length of a stall (default 1000)\n"
         "  --cut-up-at N, --cut-down-at N         close both sides after N bytes\n"
         "  --cut-with-reset                       cut with RST instead of FIN\n"
@@ -539,10 +548,10 @@ Options parseOptions(int argc, char** argv) {
                 options.down.rate = parseCount(optarg);
                 break;
             case kStallUpAt:
-                options.up.stallAt = parseCount(optarg);
+                options.up.stallAt.push_back(parseCount(optarg));
                 break;
             case kStallDownAt:
-                options.down.stallAt = parseCount(optarg);
+                options.down.stallAt.push_back(parseCount(optarg));
                 break;
             case kStallMs:
                 stallFor = Millis(parseCount(optarg));
@@ -570,6 +579,11 @@ Options parseOptions(int argc, char** argv) {
     if (optind != argc) throw std::invalid_argument(std::string("unexpected ") + argv[optind]);
     if (!haveTarget) throw std::invalid_argument("--target is required");
     options.up.stallFor = options.down.stallFor = stallFor;
+    for (DirectionRules* rules : {&options.up, &options.down}) {
+        std::sort(rules->stallAt.begin(), rules->stallAt.end());
+        rules->stallAt.erase(std::unique(rules->stallAt.begin(), rules->stallAt.end()),
+                             rules->stallAt.end());
+    }
     return options;
 }
 

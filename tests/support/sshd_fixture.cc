@@ -98,16 +98,20 @@ std::vector<pid_t> childrenOf(pid_t parent) {
     return pids;
 }
 
-void killTree(pid_t root) {
-    // Children first: once their parent is gone they could no longer be found.
-    for (pid_t child : childrenOf(root)) killTree(child);
-    kill(root, SIGKILL);
+// Parents first, and nothing dies before all are stopped: a server process that saw its command
+// killed would otherwise report the command's end to the client before its own kill arrived.
+void stopTree(pid_t root, std::vector<pid_t>& stopped) {
+    kill(root, SIGSTOP);
+    stopped.push_back(root);
+    for (pid_t child : childrenOf(root)) stopTree(child, stopped);
 }
 
 }  // namespace
 
 void SshdServer::killSessions() const {
-    for (pid_t session : childrenOf(pid_)) killTree(session);
+    std::vector<pid_t> stopped;
+    for (pid_t session : childrenOf(pid_)) stopTree(session, stopped);
+    for (pid_t pid : stopped) kill(pid, SIGKILL);
 }
 
 std::string SshdServer::log() const { return testing::readFile(dir_ + "/sshd.log"); }
