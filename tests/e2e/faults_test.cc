@@ -82,29 +82,6 @@ class Faults : public MigrationTest {
   protected:
     Faults() : MigrationTest(FERRYGATE_BINARY) {}
 
-    void SetUp() override {
-        MigrationTest::SetUp();
-        // A cheap password hash: each of the many logins here would otherwise spend half a
-        // second in the default one.
-        runProcess({"/usr/sbin/chpasswd", "-c", "SHA512", "-s", "1000"},
-                   user() + ":" + password() + "\n");
-    }
-
-    void addRandomFile(const std::string& path, size_t size) {
-        std::ifstream random("/dev/urandom", std::ios::binary);
-        std::string bytes(size, '\0');
-        random.read(&bytes[0], static_cast<std::streamsize>(size));
-        testing::writeTextFile(hosting_ + "/web/" + path, bytes);
-        chmod((hosting_ + "/web/" + path).c_str(), 0644);
-    }
-
-    void deployAndDump() {
-        ProcessResult r = ferrygate({"--deploy-agent"});
-        ASSERT_EQ(0, r.status) << r.err;
-        r = ferrygate({"--dump-all"});
-        ASSERT_EQ(0, r.status) << r.err;
-    }
-
     // Runs ferrygate with `args` while `fault` acts on the side; returns the run's result.
     ProcessResult runDuring(const std::vector<std::string>& args,
                             const std::function<void()>& fault) {

@@ -25,12 +25,8 @@ class Wan : public MigrationTest {
 
     // A dump whose shop.test archive, listed after the others, holds `size` random bytes.
     void dumpSites(std::size_t size = 3 << 20) {
-        std::ifstream random("/dev/urandom", std::ios::binary);
-        std::string bytes(size, '\0');
-        random.read(&bytes[0], static_cast<std::streamsize>(bytes.size()));
-        testing::writeTextFile(hosting_ + "/web/shop.test/big.bin", bytes);
-        ASSERT_EQ(0, ferrygate({"--deploy-agent"}).status);
-        ASSERT_EQ(0, ferrygate({"--dump-all"}).status);
+        addRandomFile("shop.test/big.bin", size);
+        deployAndDump();
         archives_ = dumpArchives();
         ASSERT_GE(archives_.size(), 2u);
     }
