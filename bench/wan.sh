@@ -97,10 +97,7 @@ as_login head -c $((1 << 30)) /dev/urandom >"$home/huge.bin"
 for file in small.bin huge.bin; do
     as_login cp "$home/$file" "$agent/content/$file"
     stage
-    rm -rf "$work/m"
-    HMX_PASSWORD=$password /usr/bin/time -f '%M' -o "$work/rss" "$build/ferrygate" --host=127.0.0.1 \
-        --port="$server_port" --login=fgbench --session-path="$work/m" --agent-dir="$agent" \
-        --agent-name=hostdump --get-content >/dev/null
+    wrap="/usr/bin/time -f %M -o $work/rss" ferrygate "$server_port" "$work/m" --get-content >/dev/null
     kib=$(tail -n 1 "$work/rss")
     printf 'peak RSS of ferrygate --get-content, %5d MiB: %6.1f MiB\n' \
         $(($(stat -c %s "$work/m/$file") >> 20)) "$(echo "$kib / 1024" | bc -l)"
