@@ -4,6 +4,7 @@
 // accepts must come out of sh_quote unchanged.
 //
 // Input: the word, cut at the first NUL (no command line can hold one).
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -19,7 +20,15 @@ std::string printed(const std::string& command) {
     FUZZ_CHECK(pipe != nullptr);
     std::string out;
     char buffer[4096];
-    for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
+    for (;;) {
+        const size_t n = fread(buffer, 1, sizeof buffer, pipe);
+        out.append(buffer, n);
+        if (n > 0) continue;
+        // libFuzzer's timeout timer interrupts the read now and then (its handler does not
+        // restart calls); stopping there would close the pipe on a shell still writing.
+        if (!ferror(pipe) || errno != EINTR) break;
+        clearerr(pipe);
+    }
     FUZZ_CHECK(pclose(pipe) == 0);
     return out;
 }
