@@ -37,7 +37,7 @@ void getWithWindow(tavik::libssh2pp::Session& session, const std::string& remote
     std::ofstream out(local, std::ios::binary | std::ios::trunc);
     char buffer[65536];
     while (!libssh2_channel_eof(channel.get())) {
-        channel.poll(5000);
+        session.waitForInput(channel, 1000);
         const ssize_t n = channel.readQueued(0, buffer, sizeof buffer);
         out.write(buffer, n);
     }

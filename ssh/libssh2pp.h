@@ -34,9 +34,10 @@ class Channel {
 
     LIBSSH2_CHANNEL* get() const { return channel_.get(); }
 
-    // Waits up to `timeout` milliseconds for input and returns the library's poll result (0 on a
-    // time-out). Throws SshConnectionFault when both the channel and the session are closed.
-    int poll(int timeout);
+    // True when data of either stream, or the peer's end of it, waits to be read.
+    bool hasInput();
+    // Processes whatever has arrived on the connection; false once the connection is broken.
+    bool transportAlive();
 
     // Reads what is already queued for `stream` (0 standard output, 1 standard error), at most
     // `size` bytes, without waiting: 0 when nothing is there now or at the end. Throws
@@ -46,8 +47,6 @@ class Channel {
     static log4cpp::Category& logger;
 
   private:
-    // False once the connection under the channel is broken.
-    bool transportAlive();
     // Grants the peer again the room that reading has freed, once that is worth a message.
     void reopenWindow();
 
@@ -89,6 +88,9 @@ class Session {
     // other byte, for the silence limit: a peer that goes quiet on an open connection would
     // otherwise be waited for for ever.
     void checkAlive();
+    // Waits up to `timeout` milliseconds, or until a signal arrives, for `channel` to have
+    // input; true when it has. Throws SshConnectionFault when the connection breaks.
+    bool waitForInput(Channel& channel, int timeout);
     // Seconds the server may stay silent: SSH_SILENCE_TIMEOUT of the product configuration, or
     // 120. Every blocking call on the session gives up after as long.
     static unsigned silenceLimit();

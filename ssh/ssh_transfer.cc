@@ -27,7 +27,8 @@ namespace {
 // library holds at most one window of unread data, so memory stays bounded.
 const unsigned kExecWindow = 2 * 1024 * 1024;
 const unsigned kExecPacket = 32768;
-const int kWaitMillis = 5000;
+// Keep-alive requests fall due at intervals of a second or more.
+const int kWaitMillis = 1000;
 const int kStdout = 0;
 const int kStderr = 1;
 
@@ -188,12 +189,8 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
         if (Alarm* alarm = alarm_.load()) {
             alarm->doAlarm();
         }
-        channel.poll(kWaitMillis);
-        // The library's readiness test is exact for standard output only; for standard error it
-        // also answers yes when only standard output is queued, so readQueued decides there.
-        ssize_t moved = 0;
-        if (libssh2_poll_channel_read(channel.get(), kStdout)) moved += forward(kStdout);
-        if (libssh2_poll_channel_read(channel.get(), kStderr)) moved += forward(kStderr);
+        session_->waitForInput(channel, kWaitMillis);
+        const ssize_t moved = forward(kStdout) + forward(kStderr);
         if (moved == 0) session_->checkAlive();
     }
 }

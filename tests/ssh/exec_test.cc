@@ -1,5 +1,6 @@
 // Remote commands over a real connection: statuses, the three streams, the alarm, failures.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -56,6 +57,21 @@ TEST_F(Exec, ReturnsTheExitStatusOrTheSignalThatEndedTheCommandAtOnce) {
         EXPECT_EQ("", err.str());
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
+}
+
+// Once a keep-alive has been answered, the library's own readiness test says "ready" for ever;
+// a wait built on it burns a core for as long as a command stays silent.
+TEST_F(Exec, ASilentCommandIsWaitedForWithoutSpinning) {
+    auto cpuSeconds = [] {
+        rusage usage = {};
+        getrusage(RUSAGE_SELF, &usage);
+        return usage.ru_utime.tv_sec + usage.ru_stime.tv_sec +
+               (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    };
+    const double before = cpuSeconds();
+    EXPECT_EQ(0, run("sleep 3; echo done"));
+    EXPECT_EQ("done\n", out.str());
+    EXPECT_LT(cpuSeconds() - before, 0.5);
 }
 
 TEST_F(Exec, StandardInputArrivesWholeBeforeItsEof) {
