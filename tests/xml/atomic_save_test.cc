@@ -85,16 +85,6 @@ TEST_F(AtomicSave, RefusedOwnerChangeLeavesTheNewFileBesideTheUntouchedTarget) {
     EXPECT_EQ("old", readFile(target_));
 }
 
-TEST_F(AtomicSave, FailedRenameLeavesTheNewFileBesideTheTarget) {
-    ASSERT_EQ(0, unlink(target_.c_str()));
-    testing::writeTextFile(target_ + "/occupied", "x");
-    const std::string message =
-        messageOf<&CantRenameFile>([&] { doc_.saveToFileAtomically(target_); });
-    EXPECT_EQ("Cannot rename " + leftover() + " to " + target_ + ": Is a directory", message);
-    EXPECT_EQ("new", renderFile(leftover()));
-    EXPECT_EQ("x", readFile(target_ + "/occupied"));
-}
-
 TEST_F(AtomicSave, FullFileSystemFailsTheWriteAndKeepsTheTarget) {
     // Two blocks: one for the old target, one too few for the new document.
     ASSERT_EQ(0, mount("ferrygate-full", dir_.path().c_str(), "tmpfs", 0, "size=8k"));

@@ -14,7 +14,9 @@ using testing::writeTextFile;
 
 tXmlDocument parse(const std::string& text) { return tXmlDocument(text); }
 
-TEST(DtdValidation, InternalSubsetOnlyAndNeverTheExternalOneTheDocumentNames) {
+// Validating against the internal subset must never fetch the external DTD that a hostile
+// document names; an external DTD given by us is named in every failure.
+TEST(DtdValidation, InternalSubsetOnlyOrTheNamedExternalDtd) {
     testing::ScratchDir dir;
     // Fetching this would fail the validation: it does not even parse.
     writeTextFile(dir.path() + "/strict.dtd", "<!ELEMENT list (nothing");
@@ -27,15 +29,9 @@ TEST(DtdValidation, InternalSubsetOnlyAndNeverTheExternalOneTheDocumentNames) {
     EXPECT_EQ(0u, message.find("Failed validation of the document with its internal DTD. The "
                                "errors are: "));
     EXPECT_NE(std::string::npos, message.find("stray")) << message;
-    testing::caught<&InternalDtdValidationFailed>([&] { validator.validateXml(parse("<list/>")); });
-}
 
-TEST(DtdValidation, ExternalDtdNamesItsFileInEveryFailure) {
-    testing::ScratchDir dir;
-    const std::string dtd = dir.path() + "/list.dtd", broken = dir.path() + "/broken.dtd";
+    const std::string dtd = dir.path() + "/list.dtd", broken = dir.path() + "/strict.dtd";
     writeTextFile(dtd, "<!ELEMENT list (item+)><!ELEMENT item (#PCDATA)>");
-    writeTextFile(broken, "<!ELEMENT list (item+)");
-    const tDtdValidator validator;
     EXPECT_NO_THROW(validator.validateXml(parse("<list><item/></list>"), dtd));
     EXPECT_EQ(0u, messageOf<&ExternalDtdValidationFailed>(
                       [&] { validator.validateXml(parse("<list/>"), dtd); })
@@ -45,22 +41,17 @@ TEST(DtdValidation, ExternalDtdNamesItsFileInEveryFailure) {
               messageOf<&InvalidDtdFile>([&] { validator.validateXml(parse("<list/>"), broken); }));
 }
 
-// Schema failures share the internal DTD's tag and text; callers cannot tell them apart.
-TEST(SchemaValidation, FailuresShareTheInternalDtdTagAndBadSchemasReadAsAllocation) {
+// Schema failures share the internal DTD's tag; callers cannot tell them apart.
+TEST(SchemaValidation, FailuresShareTheInternalDtdTag) {
     testing::ScratchDir dir;
-    const std::string xsd = dir.path() + "/n.xsd", bad = dir.path() + "/bad.xsd";
+    const std::string xsd = dir.path() + "/n.xsd";
     writeTextFile(xsd,
                   "<xs:schema xmlns:xs=\"http://www.w3.org/2001/XMLSchema\">"
                   "<xs:element name=\"n\" type=\"xs:integer\"/></xs:schema>");
-    writeTextFile(bad, "<xs:schema xmlns:xs=\"urn:not-a-schema\"/>");
     EXPECT_NO_THROW(validateSchema(parse("<n>42</n>"), xsd));
-    const std::string message = messageOf<&InternalDtdValidationFailed>(
-        [&] { validateSchema(parse("<n>forty-two</n>"), xsd); });
-    EXPECT_EQ(0u, message.find("Failed validation of the document with its internal DTD. The "
-                               "errors are: "));
-    EXPECT_NE(std::string::npos, message.find("forty-two")) << message;
-    EXPECT_EQ("Can not allocate memory for xmlSchemaParse",
-              messageOf<&tError_XmlInternal>([&] { validateSchema(parse("<n>1</n>"), bad); }));
+    EXPECT_EQ(0u, messageOf<&InternalDtdValidationFailed>([&] {
+                      validateSchema(parse("<n>forty-two</n>"), xsd);
+                  }).find("Failed validation of the document with its internal DTD."));
 }
 
 }  // namespace
