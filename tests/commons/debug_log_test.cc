@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <boost/filesystem.hpp>
 #include <boost/format.hpp>
 #include <log4cpp/Category.hh>
 #include <log4cpp/NDC.hh>
@@ -27,25 +26,6 @@ class DebugLogTest : public ::testing::Test {
 
     testing::ScratchDir dir_;
 };
-
-// Configured once; a later call without debug only detaches the debug appender.
-TEST_F(DebugLogTest, TheSessionLogTakesInfoUpAndTheDebugFileOnlyInDebugMode) {
-    configureLog4Cpp(kShippedProperties, logFile(), true);
-    log4cpp::Category& agent = log4cpp::Category::getInstance("p.Agent");
-    agent.debug("spec parsed");
-    agent.info("agent found");
-    configureLog4Cpp(kShippedProperties, dir_.path() + "/other.log", false);
-    agent.debug("after detaching");
-    Log4cppDebugLog(false, false).log(boost::format("%1% rows") % 3);
-
-    const std::string log = readFile(logFile()), debug = readFile(debugFile());
-    EXPECT_NE(std::string::npos, log.find(" [INFO] p.Agent: agent found\n")) << log;
-    EXPECT_NE(std::string::npos, log.find(" [INFO] p.log: 3 rows\n")) << log;
-    EXPECT_EQ(std::string::npos, log.find("spec parsed")) << log;
-    EXPECT_NE(std::string::npos, debug.find(" [DEBUG] p.Agent: spec parsed\n")) << debug;
-    EXPECT_EQ(std::string::npos, debug.find("after detaching")) << debug;
-    EXPECT_FALSE(boost::filesystem::exists(dir_.path() + "/other.log"));
-}
 
 // Every way a line is built (stream, format, exception, context) goes through the mask.
 TEST_F(DebugLogTest, RegisteredPasswordsNeverReachAnyAppender) {

@@ -1,19 +1,16 @@
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "support/sandbox_env.h"
-#include "utils/files.h"
 #include "utils/liblog.h"
 #include "utils/read_configuration.h"
 
 namespace {
 
-using tavik::testing::inSandbox;
 using tavik::testing::writeTextFile;
 
 // A heap store, freed with everything it owns.
@@ -67,23 +64,8 @@ TEST(ConfigurationReader, RejectedLinesAreLoggedAndLaterDefinitionsWin) {
     EXPECT_EQ(-1, conf_read_file_r("/nonexistent/hmx.conf", store.conf));
 }
 
-// Without the file the compiled-in defaults answer; a file's values win over them.
-TEST(ProductConfiguration, DefaultsUntilTheFileIsThereThenItsValues) {
-    ASSERT_TRUE(inSandbox());
-    std::remove(HMX_CONF_FILE);
-    EXPECT_EQ(-1, autoprepend());
-    EXPECT_EQ(nullptr, hmxConfGet("PRODUCT_ROOT_D"));
-    EXPECT_STREQ("/tmp", hmxConfGetDefaultByIndex(DUMP_TMP_D));
-    EXPECT_EQ("/usr/local/hmx/RKU/scout.pl", tavik::files::getScoutFileName());
-
-    writeTextFile(HMX_CONF_FILE,
-                  "PRODUCT_ROOT_D /srv/hmx # where the panel lives\n"
-                  "MAILMAN_ROOT_D /opt/mm\nMAILMAN_ROOT_D /opt/mailman\nCUSTOM_VAR custom\n");
-    EXPECT_EQ(0, autoprepend());
-    EXPECT_EQ("/srv/hmx/RKU/log4cpp.properties", tavik::files::getRkuLogConfigFileName());
-    EXPECT_EQ("/opt/mailman/bin/arch", tavik::files::getMailmanArchFileName());
-    EXPECT_STREQ("custom", hmxConfGet("CUSTOM_VAR"));
-    // Only table variables have defaults, the closing sentinel excluded.
+// A variable of the file alone has no default, and the table's closing entry is none.
+TEST(ProductConfiguration, OnlyTableVariablesHaveDefaults) {
     ::testing::internal::CaptureStdout();
     ::testing::internal::CaptureStderr();
     EXPECT_EQ(nullptr, hmxConfGetDefault("CUSTOM_VAR"));

@@ -59,14 +59,6 @@ TEST_F(AtomicSave, ReplacesTheTargetWithAFileOfHmxadm) {
     EXPECT_EQ(1u, listDir(dir_.path()).size());
 }
 
-TEST_F(AtomicSave, MissingDirectoryFailsOnTheTemporaryFile) {
-    EXPECT_EQ("Can not create temporary file with the template '" + dir_.path() +
-                  "/missing/status.xmlXXXXXX': No such file or directory.",
-              messageOf<&CantCreateTempFile>(
-                  [&] { doc_.saveToFileAtomically(dir_.path() + "/missing/status.xml"); }));
-    EXPECT_EQ(1u, listDir(dir_.path()).size());
-}
-
 // An unprivileged process may write the directory but not give files away.
 TEST_F(AtomicSave, RefusedOwnerChangeLeavesTheNewFileBesideTheUntouchedTarget) {
     ASSERT_EQ(0, chmod(dir_.path().c_str(), 0777));
