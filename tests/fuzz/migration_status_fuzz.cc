@@ -30,12 +30,6 @@ namespace {
 
 using tavik::fuzz::splitLines;
 
-template <class T, void (*release)(T*)>
-struct Free {
-    void operator()(T* p) const { release(p); }
-};
-void freeText(xmlChar* text) { xmlFree(text); }
-
 // The library sees C strings: a value ends at its first NUL.
 std::string cut(const std::string& value) { return value.substr(0, value.find('\0')); }
 
@@ -70,17 +64,19 @@ bool says(const std::string& shown, const std::string& value) {
 class Saved {
   public:
     Saved()
-        : doc_(xmlReadFile(tavik::theSession->getStatusFileName().c_str(), nullptr,
-                           XML_PARSE_NONET)),
-          context_(xmlXPathNewContext(doc_.get())) {
+        : doc_(
+              xmlReadFile(tavik::theSession->getStatusFileName().c_str(), nullptr, XML_PARSE_NONET),
+              xmlFreeDoc),
+          context_(xmlXPathNewContext(doc_.get()), xmlXPathFreeContext) {
         FUZZ_CHECK(doc_ != nullptr && context_ != nullptr);
     }
     // The string value of `expression`.
     std::string operator()(const std::string& expression) const {
-        std::unique_ptr<xmlXPathObject, Free<xmlXPathObject, xmlXPathFreeObject>> result(
-            xmlXPathEvalExpression(BAD_CAST expression.c_str(), context_.get()));
+        std::unique_ptr<xmlXPathObject, decltype(&xmlXPathFreeObject)> result(
+            xmlXPathEvalExpression(BAD_CAST expression.c_str(), context_.get()),
+            xmlXPathFreeObject);
         FUZZ_CHECK(result != nullptr);
-        std::unique_ptr<xmlChar, Free<xmlChar, freeText>> text(xmlXPathCastToString(result.get()));
+        std::unique_ptr<xmlChar, xmlFreeFunc> text(xmlXPathCastToString(result.get()), xmlFree);
         return reinterpret_cast<const char*>(text.get());
     }
     // Whether the one node at `path` says `value`.
@@ -90,8 +86,8 @@ class Saved {
     }
 
   private:
-    std::unique_ptr<xmlDoc, Free<xmlDoc, xmlFreeDoc>> doc_;
-    std::unique_ptr<xmlXPathContext, Free<xmlXPathContext, xmlXPathFreeContext>> context_;
+    std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> doc_;
+    std::unique_ptr<xmlXPathContext, decltype(&xmlXPathFreeContext)> context_;
 };
 
 void ignoreMessage(void*, const char*, ...) {}

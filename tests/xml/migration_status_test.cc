@@ -24,6 +24,10 @@ class MigrationStatusTest : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_TRUE(haveHmxadm_); }
     std::string written() const { return renderFile(theSession->getStatusFileName()); }
+    std::string save(MigrationStatus& status) const {
+        status.saveFile();
+        return written();
+    }
 
     const bool haveHmxadm_ = testing::addSystemAccount("hmxadm");
     testing::ScratchDir dir_;
@@ -36,43 +40,36 @@ TEST_F(MigrationStatusTest, EveryStateWritesItsOwnStructure) {
     MigrationStatus& s = *status;
     s.setAgentParams("src");
     s.setAgentOperation(MigrationStatus::opDeploy);
-    s.saveFile();
-    EXPECT_EQ("migration-status(agent[action=deploy](host:src))", written());
+    EXPECT_EQ("migration-status(agent[action=deploy](host:src))", save(s));
     s.setAgentOperation(MigrationStatus::opWait);
-    s.saveFile();
-    EXPECT_EQ("migration-status(agent[action=wait](host:src))", written());
+    EXPECT_EQ("migration-status(agent[action=wait](host:src))", save(s));
 
     s.setTransferDump();
-    s.saveFile();
-    EXPECT_EQ("migration-status(transfer(host:src,dumpfile))", written());
+    EXPECT_EQ("migration-status(transfer(host:src,dumpfile))", save(s));
 
     s.setTransferSpeed("1200");
     s.setTransferTotals("10", "5000");
-    s.saveFile();
     EXPECT_EQ(
         "migration-status(transfer[speed=1200](host:src,"
         "files[total=10,left=10,size-total=5000,size-left=5000]))",
-        written());
+        save(s));
     s.setCurrentFile("a<b>.tgz", "300");
     s.setTransferCurrentFileSizeLeft("100");
     s.setTransferFilesLeft("9");
     s.setTransferSizeLeft("4800");
-    s.saveFile();
     EXPECT_EQ(
         "migration-status(transfer[speed=1200](host:src,files[total=10,left=9,"
         "size-total=5000,size-left=4800](current-file[size=300,size-left=100]:a<b>.tgz)))",
-        written());
+        save(s));
 
     s.setTranslate();
-    s.saveFile();
-    EXPECT_EQ("migration-status(translate)", written());
+    EXPECT_EQ("migration-status(translate)", save(s));
 
     s.setDeployTotals("3", "7");
-    s.saveFile();
     EXPECT_EQ(
         "migration-status[total-accounts=3,total-domains=7,completed-accounts=,"
         "completed-domains=]",
-        written());
+        save(s));
     s.setDeploy("1", "2");
     s.setCurrentObject("example.org", MigrationStatus::objDomain);
     s.saveFile();
@@ -81,13 +78,11 @@ TEST_F(MigrationStatusTest, EveryStateWritesItsOwnStructure) {
         "completed-domains=2]";
     EXPECT_EQ(counters + "(current-object[type=domain]:example.org)", written());
     s.setCurrentObject("jdoe", MigrationStatus::objAccount);
-    s.saveFile();
-    EXPECT_EQ(counters + "(current-object[type=account]:jdoe)", written());
+    EXPECT_EQ(counters + "(current-object[type=account]:jdoe)", save(s));
 
     // Only the children are rebuilt: the deploy counters stay on the root in later states.
     s.setIdle();
-    s.saveFile();
-    EXPECT_EQ(counters + "(idle)", written());
+    EXPECT_EQ(counters + "(idle)", save(s));
 
     s.setTransferDump();
     s.saveFile();
@@ -99,9 +94,8 @@ TEST_F(MigrationStatusTest, TransferWithoutSizesLeavesTheirAttributesOut) {
     MigrationStatusPtr status = createMigrationStatusFile();
     status->setTransferTotals("10", "");
     status->setCurrentFile("only-name", "");
-    status->saveFile();
     EXPECT_EQ("migration-status(transfer(host,files[total=10,left=10](current-file:only-name)))",
-              written());
+              save(*status));
 }
 
 void ignoreXmlMessage(void*, const char*, ...) {}
