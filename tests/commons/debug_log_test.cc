@@ -16,22 +16,13 @@ namespace {
 
 using testing::readFile;
 
-const std::string kShippedProperties = FERRYGATE_SOURCE_DIR "/data/log4cpp.properties";
-
-// Each test runs in a process of its own, so log4cpp starts unconfigured every time.
-class DebugLogTest : public ::testing::Test {
-  protected:
-    std::string logFile() const { return dir_.path() + "/migration.log"; }
-    std::string debugFile() const { return logFile() + ".debug"; }
-
-    testing::ScratchDir dir_;
-};
-
 // Every way a line is built (stream, format, exception, context) goes through the mask.
-TEST_F(DebugLogTest, RegisteredPasswordsNeverReachAnyAppender) {
+TEST(DebugLog, RegisteredPasswordsNeverReachAnyAppender) {
+    testing::ScratchDir dir;
+    const std::string logFile = dir.path() + "/migration.log", debugFile = logFile + ".debug";
     registerSecret("Login-Pw");
     registerSecret("sudo pw 9");
-    configureLog4Cpp(kShippedProperties, logFile(), true);
+    configureLog4Cpp(FERRYGATE_SOURCE_DIR "/data/log4cpp.properties", logFile, true);
 
     log4cpp::Category::getInstance("p.Ssh").infoStream() << "stdin: sudo pw 9\nls -l";
     log4cpp::Category::getInstance("p.Action").debug("login with Login-Pw and Login-Pw");
@@ -42,7 +33,7 @@ TEST_F(DebugLogTest, RegisteredPasswordsNeverReachAnyAppender) {
     debugLog.log(TAVIK_EXC(SudoNotAllowed, "u-Login-Pw", "host"));
     debugLog.log(boost::format("%1%|%2%") % "Login-Pw" % "sudo pw 9");
 
-    for (const std::string& file : {logFile(), debugFile()}) {
+    for (const std::string& file : {logFile, debugFile}) {
         const std::string log = readFile(file);
         EXPECT_EQ(std::string::npos, log.find("Login-Pw")) << file << ":\n" << log;
         EXPECT_EQ(std::string::npos, log.find("sudo pw 9")) << file << ":\n" << log;
@@ -50,7 +41,7 @@ TEST_F(DebugLogTest, RegisteredPasswordsNeverReachAnyAppender) {
         EXPECT_NE(std::string::npos, log.find("p.log: ***|***\n")) << log;
         EXPECT_NE(std::string::npos, log.find("sudo is not allowed for user u-*** on host")) << log;
     }
-    EXPECT_NE(std::string::npos, readFile(debugFile()).find("p.Action: login with *** and ***\n"));
+    EXPECT_NE(std::string::npos, readFile(debugFile).find("p.Action: login with *** and ***\n"));
 }
 
 }  // namespace
