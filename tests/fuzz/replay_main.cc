@@ -1,6 +1,5 @@
-// The normal (gcc) build has no libFuzzer. This main feeds every file of the directories (or
-// the files) named on the command line to the target once, so that the seed corpus and the
-// inputs that once broke a parser are replayed by ctest on every build.
+// Without libFuzzer (the gcc build), ctest replays the seeds and old crashers through this main:
+// every file of the directories (or the files) named on the command line, once.
 #include <algorithm>
 #include <boost/filesystem.hpp>
 #include <cstdint>

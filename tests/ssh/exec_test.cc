@@ -75,9 +75,8 @@ TEST_F(Exec, StandardInputArrivesWholeBeforeItsEof) {
     EXPECT_EQ(countMd5Sum(sent) + "  -\n" + std::to_string(input.size()) + "\n", out.str());
 }
 
-// Output must neither mix nor stall, with both streams busy at once (20 MB each) or with
-// standard output silent, where a read of it must not block; only standard output counts as
-// progress.
+// Output neither mixes nor stalls, both streams busy (20 MB each) or standard output silent
+// (where a read of it must not block); only standard output counts as progress.
 TEST_F(Exec, StandardOutputAndErrorStayApartAndNeverStall) {
     class Total : public Ssh::Counter {
       public:

@@ -45,8 +45,7 @@ TEST_F(ShellQuoteOverDash, RandomWordsComeBackWholeThroughDashAsLoginShell) {
     std::mt19937 random(100);
     const std::string special = " \t\n\"#$&'()*;<>?[\\]`|~{},!^=%@:-.*/";
     for (int batch = 0; batch < 3; ++batch) {
-        // Words of every byte but NUL, rich in the characters shells care about, each printed
-        // followed by a NUL.
+        // Words of every byte but NUL, rich in shell-special ones, each printed with a NUL after.
         std::string command = "printf '%s\\0'", expected;
         for (int i = 0; i < 300; ++i) {
             std::string word(random() % 24, '\0');

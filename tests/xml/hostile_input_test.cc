@@ -1,6 +1,5 @@
-// Documents from the source host are hostile input: entity bombs must be refused before they
-// cost more than the document itself, and nothing a document names outside itself (files,
-// DTDs, URLs) may ever be read. (The selection fuzz target's corpus holds the same attacks.)
+// Documents from the source host are hostile: entity bombs are refused, and nothing a document
+// names outside itself (files, DTDs, URLs) is ever read. The selection corpus holds the same.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <unistd.h>
@@ -20,8 +19,7 @@ using testing::writeTextFile;
 
 const char kSecret[] = "TOPSECRET-4711";
 
-// In a child process with an alarm, so that a document that does explode cannot hang or
-// exhaust the test run: the reader must refuse it with a tagged exception.
+// In a child with an alarm, so that a bomb that does explode cannot hang the test run.
 TEST(HostileXml, EntityBombsAreRefusedBeforeTheyExpand) {
     std::string dtd = "<!ENTITY e0 \"laugh\">";
     for (int i = 1; i < 10; ++i) {
@@ -55,8 +53,7 @@ TEST(HostileXml, NothingOutsideTheDocumentIsEverRead) {
     testing::LoopbackSocket listener;
     const std::string url = "http://127.0.0.1:" + std::to_string(listener.port()) + "/";
 
-    // Each document reaches for the secret one way; whatever the reader makes of it, the secret
-    // must not be in what it returns.
+    // Each document reaches for the secret one way; it must never be in what the reader returns.
     const std::string head = "<?xml version=\"1.0\"?><!DOCTYPE contentlist ";
     const std::string lists[] = {
         head + "[<!ENTITY x SYSTEM \"file://" + secret +
