@@ -1,5 +1,4 @@
 // The agent spec reader and the agent registry on arbitrary spec files and agent names.
-//
 // Input: the first line is the name asked of the registry (cut at a NUL, which a command line
 // cannot hold); the rest is the control/spec file of the one agent on disk, named "agent".
 #include <boost/filesystem.hpp>

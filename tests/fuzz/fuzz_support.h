@@ -1,6 +1,5 @@
-// Helpers shared by the fuzz targets. A target states the properties its parser must keep and
-// aborts on the first broken one, so that the fuzzer (or the corpus replay in the normal build)
-// reports the input that broke it.
+// Helpers of the fuzz targets, which abort on the first broken property so that the fuzzer (or
+// the corpus replay of the normal build) reports the input that broke it.
 #ifndef FERRYGATE_TESTS_FUZZ_FUZZ_SUPPORT_H
 #define FERRYGATE_TESTS_FUZZ_FUZZ_SUPPORT_H
 

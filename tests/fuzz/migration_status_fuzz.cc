@@ -1,10 +1,7 @@
-// The migration status writer on arbitrary values. The controlling process polls the file
-// while a migration runs: whatever the values (a host from the command line, a file name from
-// the source host's content list), every saved file must parse and say what was set.
-//
+// The status writer on arbitrary values: every saved file must parse and say what was set.
 // Input: the first byte chooses the state (agent, dump transfer, file transfer, deploy); the
-// rest holds the values, separated by line feeds: host, speed, files total, files left, size
-// total, size left, current file name, current file size, its size left, current object name.
+// rest holds line-feed-separated values: host, speed, files total, files left, size total, size
+// left, current file name, its size, its size left, current object name.
 #include <libxml/chvalid.h>
 #include <libxml/parser.h>
 #include <libxml/parserInternals.h>
@@ -30,18 +27,11 @@ namespace {
 
 using tavik::fuzz::splitLines;
 
-template <class T, void (*release)(T*)>
-struct Free {
-    void operator()(T* p) const { release(p); }
-};
-void freeText(xmlChar* text) { xmlFree(text); }
-
 // The library sees C strings: a value ends at its first NUL.
 std::string cut(const std::string& value) { return value.substr(0, value.find('\0')); }
 
-// Whether `value` is XML character data: UTF-8 of characters XML allows. Every value that
-// reaches the status in a run is (names come from parsed documents, numbers are digits); for
-// other bytes the file must still parse, but what it shows of them is the library's business.
+// Whether `value` is UTF-8 of characters XML allows, as every value of a real run is; other
+// bytes must still leave a file that parses, but what it shows of them is the library's affair.
 bool isXmlText(const std::string& value) {
     const std::string text = cut(value);
     const auto* p = reinterpret_cast<const unsigned char*>(text.c_str());
@@ -65,22 +55,23 @@ bool says(const std::string& shown, const std::string& value) {
     return shown == cut(value) || !isXmlText(value);
 }
 
-// The saved file as libxml2 alone reads it, so that a fault of the writer cannot hide behind
-// the same fault of a reader under test.
+// Read with libxml2 alone, so that a fault of the writer cannot hide behind one of our readers.
 class Saved {
   public:
     Saved()
-        : doc_(xmlReadFile(tavik::theSession->getStatusFileName().c_str(), nullptr,
-                           XML_PARSE_NONET)),
-          context_(xmlXPathNewContext(doc_.get())) {
+        : doc_(
+              xmlReadFile(tavik::theSession->getStatusFileName().c_str(), nullptr, XML_PARSE_NONET),
+              xmlFreeDoc),
+          context_(xmlXPathNewContext(doc_.get()), xmlXPathFreeContext) {
         FUZZ_CHECK(doc_ != nullptr && context_ != nullptr);
     }
     // The string value of `expression`.
     std::string operator()(const std::string& expression) const {
-        std::unique_ptr<xmlXPathObject, Free<xmlXPathObject, xmlXPathFreeObject>> result(
-            xmlXPathEvalExpression(BAD_CAST expression.c_str(), context_.get()));
+        std::unique_ptr<xmlXPathObject, decltype(&xmlXPathFreeObject)> result(
+            xmlXPathEvalExpression(BAD_CAST expression.c_str(), context_.get()),
+            xmlXPathFreeObject);
         FUZZ_CHECK(result != nullptr);
-        std::unique_ptr<xmlChar, Free<xmlChar, freeText>> text(xmlXPathCastToString(result.get()));
+        std::unique_ptr<xmlChar, xmlFreeFunc> text(xmlXPathCastToString(result.get()), xmlFree);
         return reinterpret_cast<const char*>(text.get());
     }
     // Whether the one node at `path` says `value`.
@@ -90,8 +81,8 @@ class Saved {
     }
 
   private:
-    std::unique_ptr<xmlDoc, Free<xmlDoc, xmlFreeDoc>> doc_;
-    std::unique_ptr<xmlXPathContext, Free<xmlXPathContext, xmlXPathFreeContext>> context_;
+    std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> doc_;
+    std::unique_ptr<xmlXPathContext, decltype(&xmlXPathFreeContext)> context_;
 };
 
 void ignoreMessage(void*, const char*, ...) {}

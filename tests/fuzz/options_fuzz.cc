@@ -1,8 +1,6 @@
-// The command line parser and verifier on arbitrary argument vectors.
-//
-// Input: lines. The first line chooses the environment ("env:sudo" sets HMX_SUDO_PASSWORD,
-// "env:sudo-empty" sets it empty, anything else leaves it unset); every further line is one
-// argument after the program name.
+// The command line parser and verifier on arbitrary argument vectors. Input: lines; the first
+// chooses the environment ("env:sudo" sets HMX_SUDO_PASSWORD, "env:sudo-empty" sets it empty,
+// else unset), every further line is one argument.
 #include <getopt.h>
 
 #include <cstdlib>
@@ -19,8 +17,7 @@ namespace {
 using tavik::fuzz::splitLines;
 
 const char kSudoPassword[] = "Fz-sudo-9f3e1a";
-// The login password reader keeps the first value it saw for the rest of the process, so
-// every run gets the same one; a different one per run would make the runs depend on order.
+// The login password reader keeps its first value for the process: every run gets this one.
 const char kLoginPassword[] = "Fz-login-27c4b0";
 
 bool connects(int action) {

@@ -1,11 +1,8 @@
-// The normal (gcc) build has no libFuzzer. This main feeds every file of the directories or
-// files named on the command line to the target once, so that the seed corpus and the inputs
-// that once broke a parser are replayed by ctest on every build.
+// Without libFuzzer (the gcc build), ctest replays the seeds and old crashers through this main:
+// every file of the directories (or the files) named on the command line, once.
 #include <algorithm>
 #include <boost/filesystem.hpp>
-#include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -18,32 +15,24 @@ extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** arg
 int main(int argc, char** argv) {
     namespace fs = boost::filesystem;
     if (LLVMFuzzerInitialize != nullptr) LLVMFuzzerInitialize(&argc, &argv);
-    std::vector<fs::path> files;
+    std::vector<fs::path> files(argv + 1, argv + argc);
     for (int i = 1; i < argc; ++i) {
-        if (!fs::is_directory(argv[i])) {
-            files.push_back(argv[i]);
-            continue;
-        }
-        for (const auto& entry : fs::directory_iterator(argv[i])) {
-            if (fs::is_regular_file(entry.path())) files.push_back(entry.path());
-        }
+        if (fs::is_directory(argv[i]))
+            files.insert(files.end(), fs::directory_iterator(argv[i]), {});
     }
-    // Sorted, so that a failure names the same input on every run.
-    std::sort(files.begin(), files.end());
+    files.erase(std::remove_if(files.begin(), files.end(),
+                               [](const fs::path& p) { return !fs::is_regular_file(p); }),
+                files.end());
+    std::sort(files.begin(), files.end());  // a failure names the same input on every run
     for (const fs::path& file : files) {
         std::ifstream in(file.string(), std::ios::binary);
         if (!in) {
             std::cerr << "cannot read " << file << "\n";
             return 1;
         }
-        const std::string bytes((std::istreambuf_iterator<char>(in)),
-                                std::istreambuf_iterator<char>());
+        const std::string bytes((std::istreambuf_iterator<char>(in)), {});
         LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
     }
-    if (files.empty()) {
-        std::cerr << "no input replayed\n";
-        return 1;
-    }
     std::cout << files.size() << " inputs replayed\n";
-    return 0;
+    return files.empty() ? 1 : 0;
 }

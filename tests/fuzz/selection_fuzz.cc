@@ -1,9 +1,6 @@
-// The selection file reader on arbitrary documents. It may refuse a document only with a tagged
-// exception; it only appends to the lists it is given; the same file always reads the same; and
-// nothing a document names is ever read from the file system: entities and DTDs pointing at a
-// local file must not bring its text into the lists.
-//
-// Input: the selection file.
+// The selection file reader on arbitrary files: it refuses only with a tagged exception, only
+// appends to its lists, reads a file alike every time, and never brings in the text of a local
+// file that an entity or DTD names.
 #include <fstream>
 #include <string>
 

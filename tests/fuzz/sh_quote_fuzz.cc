@@ -1,9 +1,6 @@
-// sh_quote on arbitrary words, read back by real shells: `printf %s WORD` must print the word's
-// bytes exactly, in dash (/bin/sh) and in bash under a UTF-8 locale, where a multibyte
-// character could swallow the backslash that follows it. A word that check_shell_arg_nothrow
-// accepts must come out of sh_quote unchanged.
-//
-// Input: the word, cut at the first NUL (no command line can hold one).
+// sh_quote on arbitrary words (cut at the first NUL): `printf %s WORD` must print the word's
+// bytes in dash and in bash under a UTF-8 locale (where a multibyte character could swallow a
+// following backslash); a word that check_shell_arg_nothrow accepts must come out unchanged.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -50,8 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string quoted = tavik::sh_quote(word);
     if (tavik::check_shell_arg_nothrow(word.c_str()) == 1) FUZZ_CHECK(quoted == word);
 
-    // dash runs the command itself; bash gets it from the environment, so that no other
-    // quoting stands in between.
+    // bash takes the command from the environment, so that no other quoting stands between.
     const std::string command = "printf %s " + quoted;
     setenv("FUZZ_COMMAND", command.c_str(), 1);
     for (const std::string& run : {command, std::string("exec /bin/bash -c \"$FUZZ_COMMAND\"")}) {

@@ -1,9 +1,5 @@
-// The readers of the documents that agents print (content list, command-gate response,
-// credentials, administrator location, address information, deployment status) on arbitrary
-// text. A reader may refuse a document with a tagged exception, or a number with the number
-// parser's error, and nothing else; and the same text must always read the same.
-//
-// Input: the first byte chooses the reader, the rest is the document.
+// The readers of agents' documents on arbitrary text (the first byte chooses the reader): they
+// refuse only with a tagged exception or the number parser's error, and read alike every time.
 #include <boost/lexical_cast.hpp>
 #include <string>
 

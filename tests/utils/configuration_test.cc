@@ -1,19 +1,16 @@
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "support/sandbox_env.h"
-#include "utils/files.h"
 #include "utils/liblog.h"
 #include "utils/read_configuration.h"
 
 namespace {
 
-using tavik::testing::inSandbox;
 using tavik::testing::writeTextFile;
 
 // A heap store, freed with everything it owns.
@@ -67,44 +64,8 @@ TEST(ConfigurationReader, RejectedLinesAreLoggedAndLaterDefinitionsWin) {
     EXPECT_EQ(-1, conf_read_file_r("/nonexistent/hmx.conf", store.conf));
 }
 
-TEST(ConfigurationStore, GrowsAndFindsEveryKeySortedOrNot) {
-    Store store;
-    for (int i = 99; i >= 0; --i) {
-        ASSERT_EQ(0, conf_set_r(("K" + std::to_string(i)).c_str(), std::to_string(i).c_str(),
-                                store.conf));
-    }
-    ASSERT_EQ(100u, store.conf->nmemb);
-    EXPECT_EQ("42", store["K42"]);
-    conf_finalize_r(store.conf);
-    for (int i = 0; i < 100; ++i) EXPECT_EQ(std::to_string(i), store["K" + std::to_string(i)]);
-    EXPECT_EQ("<null>", store["K100"]);
-    EXPECT_EQ("<null>", store["K"]);
-}
-
-TEST(ProductConfiguration, DefaultsWhileTheFileIsMissing) {
-    ASSERT_TRUE(inSandbox());
-    std::remove(HMX_CONF_FILE);
-    EXPECT_EQ(-1, autoprepend());
-    EXPECT_EQ(nullptr, hmxConfGet("PRODUCT_ROOT_D"));
-    EXPECT_EQ(nullptr, hmxConfGetByIndex(DUMP_TMP_D));
-    EXPECT_STREQ("/tmp", hmxConfGetDefaultByIndex(DUMP_TMP_D));
-    EXPECT_STREQ("httpd", hmxConfGetDefault("HTTPD_SERVICE"));
-    EXPECT_EQ("/usr/local/hmx/RKU/scout.pl", tavik::files::getScoutFileName());
-    // The load is retried until it succeeds.
-    writeTextFile(HMX_CONF_FILE, "PRODUCT_ROOT_D /opt/hmx\n");
-    EXPECT_EQ("/opt/hmx/RKU/tmp", tavik::files::getTmpDir());
-}
-
-TEST(ProductConfiguration, FileValuesWinAndStayCached) {
-    ASSERT_TRUE(inSandbox());
-    writeTextFile(HMX_CONF_FILE,
-                  "PRODUCT_ROOT_D /srv/hmx # where the panel lives\n"
-                  "MAILMAN_ROOT_D /opt/mm\nMAILMAN_ROOT_D /opt/mailman\nCUSTOM_VAR custom\n");
-    EXPECT_EQ(0, autoprepend());
-    EXPECT_EQ("/srv/hmx/RKU/log4cpp.properties", tavik::files::getRkuLogConfigFileName());
-    EXPECT_EQ("/opt/mailman/bin/arch", tavik::files::getMailmanArchFileName());
-    EXPECT_STREQ("custom", hmxConfGet("CUSTOM_VAR"));
-    // Only table variables have defaults, the closing sentinel excluded.
+// A variable of the file alone has no default, and the table's closing entry is none.
+TEST(ProductConfiguration, OnlyTableVariablesHaveDefaults) {
     ::testing::internal::CaptureStdout();
     ::testing::internal::CaptureStderr();
     EXPECT_EQ(nullptr, hmxConfGetDefault("CUSTOM_VAR"));
@@ -113,9 +74,6 @@ TEST(ProductConfiguration, FileValuesWinAndStayCached) {
     EXPECT_EQ(0u, ::testing::internal::GetCapturedStderr().find(
                       "variable 'CUSTOM_VAR' isn't found neither in /etc/hmx/hmx.conf nor in "
                       "compile-time defaults\n"));
-    writeTextFile(HMX_CONF_FILE, "PRODUCT_ROOT_D /elsewhere\n");
-    EXPECT_EQ(0, autoprepend());
-    EXPECT_STREQ("/srv/hmx", hmxConfGetDefaultByIndex(PRODUCT_ROOT_D));
 }
 
 }  // namespace

@@ -1,13 +1,8 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <boost/filesystem.hpp>
 #include <cerrno>
 #include <string>
 
-#include "support/sandbox_env.h"
-#include "utils/liblog.h"
-#include "utils/libsafe.h"
 #include "utils/product_log.h"
 
 namespace {
@@ -23,11 +18,9 @@ std::string written(F f) {
     return err;
 }
 
-TEST(MessageLog, PrefixLineBreakAndSystemError) {
-    PROGNAME = "/usr/sbin/ferrygate";
-    EXPECT_EQ("ferrygate: no break\n", written([] { ex_messlog("no break", 0, 0); }));
-    EXPECT_EQ("ferrygate: has break\n", written([] { ex_messlog("has break\n", 0, 0); }));
-    PROGNAME = nullptr;
+// The product's failures on standard error and output: the system error follows the text,
+// and a long text is never cut.
+TEST(MessageLog, SystemErrorAndNoLengthLimit) {
     EXPECT_EQ("open x\nSystem error 2: No such file or directory\n", written([] {
                   errno = ENOENT;
                   messlog2(0, 0, "open %s", "x");
@@ -37,39 +30,6 @@ TEST(MessageLog, PrefixLineBreakAndSystemError) {
                   errno = 0;
                   messlog2(0, 0, "%s", text.c_str());
               }));
-    EXPECT_EXIT(ex_messlog("fatal", 3, 0), ::testing::ExitedWithCode(3), "fatal");
-}
-
-TEST(UtilityLog, SilentUntilEnabledForTheConsole) {
-    EXPECT_EQ("", written([] { tavik_log(12, "before"); }));
-    tavik_log_init("CONSOLE:", 12, 0, 0, nullptr);
-    EXPECT_EQ("shown 2\n", written([] {
-                  tavik_log(12, "shown %d", 2);
-                  tavik_log(13, "too detailed");
-              }));
-    tavik_log_init("file", 12, 0, 0, nullptr);
-    EXPECT_EQ("", written([] { tavik_log(1, "hidden"); }));
-}
-
-TEST(Subdirectory, ResolvedPathsAndRestoredWorkingDirectory) {
-    tavik::testing::ScratchDir scratch;
-    const std::string base = scratch.path();
-    boost::filesystem::create_directories(base + "/a/b/c");
-    boost::filesystem::create_directories(base + "/ab");
-    boost::filesystem::create_symlink(base + "/a/b", base + "/link");
-    const auto before = boost::filesystem::current_path();
-    auto sub = [&](const std::string& d, const std::string& c) {
-        return issubdir((base + d).c_str(), (base + c).c_str());
-    };
-    EXPECT_EQ(1, sub("/a", "/a/b/c"));
-    EXPECT_EQ(1, sub("/a/", "/a/b/../b"));
-    EXPECT_EQ(1, sub("/a", "/link/c"));
-    EXPECT_EQ(0, sub("/a", "/link"));  // a final symbolic link is not followed
-    EXPECT_EQ(0, sub("/a", "/a"));
-    EXPECT_EQ(0, sub("/a", "/ab"));
-    EXPECT_EQ(0, sub("/a/b", "/a"));
-    EXPECT_EQ(0, sub("/a", "/missing"));
-    EXPECT_EQ(before, boost::filesystem::current_path());
 }
 
 }  // namespace
