@@ -73,15 +73,7 @@ class Connection {
         for (int fd : fds_) close(fd);
     }
 
-    static void start(int client, int server, const Options& options) {
-        const auto c = std::make_shared<Connection>(client, server, options);
-        for (int d : {0, 1}) {
-            std::thread([c, d] { c->read(d); }).detach();
-            std::thread([c, d] { c->write(d); }).detach();
-        }
-    }
-
-  private:
+    // Direction 0 is up, 1 down.
     void read(int d) {
         std::vector<char> buffer(256 * 1024);
         for (;;) {
@@ -91,7 +83,10 @@ class Connection {
             std::unique_lock<std::mutex> lock(mutex_);
             if (cut_) return;
             if (timedOut) continue;
-            if (n < 0) return cutLocked(true);
+            if (n < 0) {
+                lock.unlock();
+                return cut(true);
+            }
             queued_[d] += n;
             queues_[d].push_back({due, {buffer.begin(), buffer.begin() + n}});
             changed_.notify_all();
@@ -145,19 +140,16 @@ class Connection {
         }
     }
 
+  private:
     // Waits until `when`; false when the connection was cut meanwhile.
     bool idleUntil(Clock::time_point when) {
         std::unique_lock<std::mutex> lock(mutex_);
         return !changed_.wait_until(lock, when, [&] { return cut_; });
     }
 
+    // A FIN goes at once; an RST with the close, when no thread uses the sockets any more.
     void cut(bool reset) {
         std::lock_guard<std::mutex> lock(mutex_);
-        cutLocked(reset);
-    }
-
-    // A FIN goes at once; an RST with the close, when no thread uses the sockets any more.
-    void cutLocked(bool reset) {
         if (cut_) return;
         cut_ = true;
         for (int fd : fds_) {
@@ -224,7 +216,11 @@ void run(const Options& options) {
         }
         prepare(client);
         prepare(server);
-        Connection::start(client, server, options);
+        const auto c = std::make_shared<Connection>(client, server, options);
+        for (int d : {0, 1}) {
+            std::thread(&Connection::read, c, d).detach();
+            std::thread(&Connection::write, c, d).detach();
+        }
     }
 }
 
@@ -237,17 +233,17 @@ uint64_t count(const char* text) {
 }
 
 // HOST:PORT, or HOST:LOW-HIGH where `high` may take one.
-sockaddr_in address(const std::string& text, unsigned* high = nullptr) {
+sockaddr_in address(const char* text, unsigned* high = nullptr) {
+    char host[16];
+    unsigned port = 0, top = 0;
+    int used = 0;
     sockaddr_in a{};
     a.sin_family = AF_INET;
-    const size_t colon = text.rfind(':'), dash = text.find('-', colon);
-    if (colon == std::string::npos ||
-        inet_pton(AF_INET, text.substr(0, colon).c_str(), &a.sin_addr) != 1 ||
-        (dash != std::string::npos && !high))
-        throw std::invalid_argument("not HOST:PORT: " + text);
-    const uint64_t port = count(text.substr(colon + 1, dash - colon - 1).c_str());
-    if (dash != std::string::npos) *high = count(text.c_str() + dash + 1);
-    if (port > 65535 || (high && *high > 65535)) throw std::invalid_argument("bad port: " + text);
+    const int n = std::sscanf(text, "%15[0-9.]:%u%n-%u%n", host, &port, &used, &top, &used);
+    if (n < 2 || text[used] || (n == 3 && !high) || port > 65535 || top > 65535 ||
+        inet_pton(AF_INET, host, &a.sin_addr) != 1)
+        throw std::invalid_argument(std::string("not HOST:PORT: ") + text);
+    if (high) *high = top;
     a.sin_port = htons(static_cast<uint16_t>(port));
     return a;
 }
@@ -282,10 +278,7 @@ Options parse(int argc, char** argv) {
         }
     }
     if (!haveTarget) throw std::invalid_argument("--target HOST:PORT is required");
-    for (Rules& r : o.rules) {
-        std::sort(r.stallAt.begin(), r.stallAt.end());
-        r.stallAt.erase(std::unique(r.stallAt.begin(), r.stallAt.end()), r.stallAt.end());
-    }
+    for (Rules& r : o.rules) std::sort(r.stallAt.begin(), r.stallAt.end());
     return o;
 }
 
