@@ -1,7 +1,6 @@
 // The fault matrix: the real ferrygate against a loopback sshd that crashes, a disk that fills,
 // a broken host configuration, kills at random moments and hostile remote paths. Each row checks
 // the exit code and message, that nothing already on disk is lost, and that a rerun finishes.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
@@ -62,97 +61,72 @@ bool wellFormedStatus(const std::string& path) {
 class Faults : public MigrationTest {
   protected:
     Faults() : MigrationTest(FERRYGATE_BINARY) {}
-
-    // Runs ferrygate with `args` while `fault` acts on the side.
-    ProcessResult runDuring(const std::vector<std::string>& args,
-                            const std::function<void()>& fault) {
-        ProcessResult r;
-        std::thread run([&] { r = ferrygate(args); });
-        fault();
-        run.join();
-        return r;
-    }
 };
 
 // The server side of our connection dies while a content file downloads, while the agent dumps,
-// before the session starts, while the password is checked and before the first channel opens.
+// before the session starts (a relay that hangs up, or never says a word), while the password is
+// checked (the default, slow hash leaves time for that) and before the first channel opens (a
+// relay keeps every request 300 ms on its way).
 TEST_F(Faults, TheServerDisappears) {
     addRandomFile("shop.test/big.bin", 8 << 20);
     configureAgent("delay = 2\n");
     deployAndDump();
     const auto files = dumpArchives();
     ASSERT_EQ(4u, files.size());
-    const std::string big = sessionFile("shop.test_site.tar.gz");
-    {
-        RelayProcess relay(port(), kSlowLine);
-        const ProcessResult r =
-            runDuring({"--get-content", "--port=" + std::to_string(relay.port())}, [&] {
-                waitFor([&] { return hasBytes(big); }, 30000);
-                sshd().killSessions();
-            });
-        EXPECT_EQ(18, r.status);
-        EXPECT_EQ(kLost, r.err);
-    }
-    for (const auto& file : files) {
-        if (sessionFile(file.name) == big) continue;
-        EXPECT_EQ(file.md5, md5OfFile(sessionFile(file.name)));
-    }
-    EXPECT_TRUE(wellFormedStatus(sessionFile("migration.status")));
-    EXPECT_TRUE(fileHas(sessionFile("migration.result"), "SshConnectionFault"));
-    ProcessResult r = ferrygate({"--get-content"});
-    ASSERT_EQ(0, r.status) << r.err;
-    for (const auto& file : files) EXPECT_EQ(file.md5, md5OfFile(sessionFile(file.name)));
-
-    const std::string remoteStatus = remoteAgent_ + "/dumping-status.xml";
-    fs::remove(remoteStatus);
-    r = runDuring({"--dump-all"}, [&] {
-        waitFor([&] { return fs::exists(remoteStatus); }, 10000);
-        sshd().killSessions();
-    });
-    EXPECT_EQ(18, r.status);
-    EXPECT_EQ(kLost, r.err);
-    EXPECT_TRUE(wellFormedStatus(sessionFile("migration.status")));
-    EXPECT_EQ(0, ferrygate({"--dump-all"}).status);
-
-    // The scout through a relay, and the server's sessions killed once the debug log shows
-    // `killAt`. The default, slow password hash leaves time to kill during its check; a 300 ms
-    // delay of every request keeps the first channel's on its way when the kill lands.
     std::ofstream("/etc/hmx/hmx.conf", std::ios::app) << "SSH_SILENCE_TIMEOUT 3\n";
     runProcess({"/usr/sbin/chpasswd"}, user() + ":" + password() + "\n");
+    const std::string big = sessionFile("shop.test_site.tar.gz"),
+                      log = sessionFile("migration.log");
+    const std::string remoteStatus = remoteAgent_ + "/dumping-status.xml";
+    fs::remove(remoteStatus);
+    auto logShows = [&](const char* line) -> std::function<bool()> {
+        return [=] { return fileHas(log, line); };
+    };
+    const std::string noBanner = "Unable to start SSH session: Failed getting banner";
     const struct {
+        std::string action;
         std::vector<std::string> relay;
-        const char* killAt;
+        std::function<bool()> killWhen;  // empty: no kill
         int code;
         std::string message;
         int silence;  // seconds the run waits for a word from the server
     } rows[] = {
-        {{"--cut-down-at", "0"},
-         nullptr,
-         2,
-         "Unable to start SSH session: Failed getting banner",
-         0},
-        {{"--stall-down-at", "0", "--stall-ms", "600000"}, nullptr, 18, kLost, 3},
-        {{}, "Trying 'password'", 18, kLost, 0},
-        {{"--delay-up-ms", "300"}, "Opening SSH channel", 18, kLost, 0},
+        {"--get-content", kSlowLine, [&] { return hasBytes(big); }, 18, kLost, 0},
+        {"--dump-all", {}, [&] { return fs::exists(remoteStatus); }, 18, kLost, 0},
+        {"--send-scout", {"--cut-down-at", "0"}, {}, 2, noBanner, 0},
+        {"--send-scout", {"--stall-down-at", "0", "--stall-ms", "600000"}, {}, 18, kLost, 3},
+        {"--send-scout", {}, logShows("Trying 'password'"), 18, kLost, 0},
+        {"--send-scout", {"--delay-up-ms", "300"}, logShows("Opening SSH channel"), 18, kLost, 0},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE("row " + std::to_string(&row - rows));
-        fs::remove(sessionFile("migration.log"));
+        fs::remove(log);
         RelayProcess relay(port(), row.relay);
         const auto start = Clock::now();
-        r = runDuring({"--send-scout", "--port=" + std::to_string(relay.port())}, [&] {
-            if (!row.killAt) return;
-            waitFor([&] { return fileHas(sessionFile("migration.log"), row.killAt); }, 20000);
-            sshd().killSessions();
+        ProcessResult r;
+        std::thread run([&] {
+            r = ferrygate({row.action, "--port=" + std::to_string(relay.port())});
         });
+        if (row.killWhen && waitFor(row.killWhen, 30000)) sshd().killSessions();
+        run.join();
         EXPECT_EQ(row.code, r.status);
         EXPECT_EQ(row.message, r.err);
         EXPECT_TRUE(wellFormedStatus(sessionFile("migration.status")));
+        EXPECT_TRUE(row.code != 18 ||
+                    fileHas(sessionFile("migration.result"), "SshConnectionFault"));
         if (row.silence) {
             EXPECT_GE(Clock::now() - start, std::chrono::seconds(row.silence));
             EXPECT_LT(Clock::now() - start, std::chrono::seconds(row.silence + 6));
         }
+        if (row.action == "--send-scout") continue;
+        for (const auto& file : files) {
+            if (row.action != "--get-content" || sessionFile(file.name) == big) continue;
+            EXPECT_EQ(file.md5, md5OfFile(sessionFile(file.name))) << "lost by the failed run";
+        }
+        r = ferrygate({row.action});
+        EXPECT_EQ(0, r.status) << "rerun: " << r.err;
     }
+    for (const auto& file : files) EXPECT_EQ(file.md5, md5OfFile(sessionFile(file.name)));
 }
 
 TEST_F(Faults, AFullDiskFailsTheDownloadAndARerunFinishesOnceThereIsRoom) {
@@ -287,52 +261,42 @@ TEST_F(Faults, SigkillWhileTheStatusIsRewritten) {
         const std::string big = session + "/shop.test_site.tar.gz";
         std::mt19937 random(std::random_device{}() + number);
         RelayProcess slow(port(), kSlowLine);
-        std::vector<std::string> words = {FERRYGATE_BINARY,
-                                          "--host=127.0.0.1",
-                                          "--port=" + std::to_string(slow.port()),
-                                          "--login=" + user(),
-                                          "--session-path=" + session,
-                                          "--agent-dir=" + remoteAgent_,
-                                          "--agent-name=hostdump",
-                                          "--get-content"};
+        std::vector<std::string> words = {FERRYGATE_BINARY, "--get-content", "--host=127.0.0.1",
+                                          "--agent-name=hostdump", "--login=" + user()};
+        for (auto word : {"--port=" + std::to_string(slow.port()), "--session-path=" + session,
+                          "--agent-dir=" + remoteAgent_})
+            words.push_back(word);
         std::vector<char*> argv;
         for (std::string& word : words) argv.push_back(&word[0]);
         argv.push_back(nullptr);
-        posix_spawn_file_actions_t quiet;
-        posix_spawn_file_actions_init(&quiet);
-        posix_spawn_file_actions_addopen(&quiet, 1, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_addopen(&quiet, 2, "/dev/null", O_WRONLY, 0);
         for (int run = 0; run < 40 && failures == 0; ++run) {
             fs::remove(big);
             pid_t pid = -1;
-            ASSERT_EQ(0, posix_spawn(&pid, argv[0], &quiet, nullptr, argv.data(), environ));
+            ASSERT_EQ(0, posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ));
             const bool transferring = waitFor([&] { return hasBytes(big); }, 20000);
             std::this_thread::sleep_for(
                 std::chrono::microseconds(std::uniform_int_distribution<int>(0, 40000)(random)));
             kill(pid, SIGKILL);
-            int status = 0;
+            int status = 0, temporaries = 0, strays = 0;
             waitpid(pid, &status, 0);
             ++kills;
             const std::string text = readFile(session + "/migration.status");
-            int left = 0;
             for (fs::directory_iterator it(session), end; it != end; ++it) {
                 const std::string name = it->path().filename().string();
                 if (expected.count(name)) continue;
-                failures += name.find("migration.status") != 0;
-                ++left;
+                ++(name.rfind("migration.status", 0) == 0 ? temporaries : strays);
                 fs::remove(it->path());
             }
-            leftovers += left;
-            if (!transferring || !WIFSIGNALED(status) ||
-                !wellFormedStatus(session + "/migration.status") || left > 1) {
-                ADD_FAILURE() << "lane " << number << ", run " << run << ": "
-                              << (transferring ? "" : "no transfer; ") << left
-                              << " temporary files; status:\n"
-                              << text;
+            leftovers += temporaries;
+            if (!transferring || !WIFSIGNALED(status) || temporaries > 1 || strays > 0 ||
+                !wellFormedStatus(session + "/migration.status")) {
                 ++failures;
+                ADD_FAILURE() << "lane " << number << ", run " << run << ": transferring "
+                              << transferring << ", " << temporaries << " temporary and " << strays
+                              << " other files; status:\n"
+                              << text;
             }
         }
-        posix_spawn_file_actions_destroy(&quiet);
     };
     std::vector<std::thread> lanes;
     for (int number = 0; number < 5; ++number) lanes.emplace_back(lane, number);
@@ -356,18 +320,13 @@ class HostileRemote : public Faults, public ::testing::WithParamInterface<const 
 TEST_P(HostileRemote, PathsSurviveTheLoginShell) {
     remoteAgent_ = sshd().home() + "/a b'c\"d$HOME;e\nf\xc3\xa9";
     testing::writeTextFile(hosting_ + "/web/o'k $x;\xc3\xa9.test/index.html", "odd\n");
-    for (const char* action : {"--deploy-agent", "--dump-all"}) {
+    for (const char* action : {"--deploy-agent", "--dump-all", "--get-content", "--remove-agent"}) {
         const ProcessResult r = ferrygate({action}, true);
         ASSERT_EQ(0, r.status) << action << ": " << r.err;
     }
-    EXPECT_TRUE(fs::exists(remoteAgent_ + "/hostdump.pl"));
     const auto files = dumpArchives();
     ASSERT_EQ(5u, files.size()) << readFile(sessionFile("dump.xml"));
-    ProcessResult r = ferrygate({"--get-content"}, true);
-    ASSERT_EQ(0, r.status) << r.err;
     for (const auto& file : files) EXPECT_EQ(file.md5, md5OfFile(sessionFile(file.name)));
-    r = ferrygate({"--remove-agent"}, true);
-    EXPECT_EQ(0, r.status) << r.err;
     EXPECT_FALSE(fs::exists(remoteAgent_));
     EXPECT_TRUE(fs::exists(sshd().home()));
 }

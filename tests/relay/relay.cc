@@ -16,20 +16,20 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -57,14 +57,9 @@ struct Options {
     bool reset = false;
 };
 
-struct Chunk {
-    Clock::time_point due;
-    std::vector<char> data;  // empty: the end of the stream
-};
-
-// One relayed connection: per direction a reader that time-stamps what arrives and a writer
-// that sends it when due. The sockets close when the last of the four threads is done; every
-// blocking call on them times out often enough to notice a cut.
+// One relayed connection. Each direction has a thread that reads what arrives, stamps it with
+// the time it is due and sends what is due, within the rate, the stalls and the cut; the sockets
+// close when both are done. No wait lasts long enough to miss a cut for more than a moment.
 class Connection {
   public:
     Connection(int client, int server, const Options& options)
@@ -74,99 +69,88 @@ class Connection {
     }
 
     // Direction 0 is up, 1 down.
-    void read(int d) {
-        std::vector<char> buffer(256 * 1024);
-        for (;;) {
-            const ssize_t n = recv(fds_[d], buffer.data(), buffer.size(), 0);
-            const bool timedOut = n < 0 && (errno == EAGAIN || errno == EINTR);
-            const Clock::time_point due = Clock::now() + options_.rules[d].delay;
-            std::unique_lock<std::mutex> lock(mutex_);
-            if (cut_) return;
-            if (timedOut) continue;
-            if (n < 0) {
-                lock.unlock();
-                return cut(true);
-            }
-            queued_[d] += n;
-            queues_[d].push_back({due, {buffer.begin(), buffer.begin() + n}});
-            changed_.notify_all();
-            if (n == 0) return;
-            changed_.wait(lock, [&] { return cut_ || queued_[d] < kQueueLimit; });
-        }
-    }
-
-    void write(int d) {
+    void pump(int d) {
         const Rules& rules = options_.rules[d];
-        const int fd = fds_[1 - d];
+        const int from = fds_[d], to = fds_[1 - d];
+        struct Chunk {
+            Clock::time_point due;
+            std::vector<char> data;  // empty: the end of the stream
+            size_t offset;
+        };
+        std::deque<Chunk> queue;
+        size_t queued = 0, stalls = 0;
         uint64_t sent = 0;
-        size_t stalls = 0;
         Clock::time_point paced = Clock::now();
-        for (Chunk chunk;; chunk = {}) {
+        std::vector<char> buffer(256 * 1024);
+        while (!cut_) {
             if (sent == rules.cutAt) return cut(options_.reset);
-            {
-                std::unique_lock<std::mutex> lock(mutex_);
-                changed_.wait(lock, [&] { return cut_ || !queues_[d].empty(); });
-                if (cut_) return;
-                chunk = std::move(queues_[d].front());
-                queues_[d].pop_front();
-                queued_[d] -= chunk.data.size();
-                changed_.notify_all();
+            const Clock::time_point now = Clock::now();
+            if (queue.empty() || queue.front().due > now) {
+                const bool room =
+                    queued < kQueueLimit && (queue.empty() || !queue.back().data.empty());
+                // A descriptor polled for nothing would still report a hang-up on every pass.
+                pollfd p{room ? from : -1, POLLIN, 0};
+                const auto wait = std::chrono::ceil<std::chrono::milliseconds>(
+                    queue.empty() ? kTick
+                                  : std::min<Clock::duration>(kTick, queue.front().due - now));
+                if (poll(&p, 1, static_cast<int>(wait.count())) < 1) continue;
+                const ssize_t n = recv(from, buffer.data(), buffer.size(), MSG_DONTWAIT);
+                if (n < 0 && errno != EAGAIN && errno != EINTR) return cut(true);
+                if (n < 0) continue;
+                queue.push_back(
+                    {Clock::now() + rules.delay, {buffer.begin(), buffer.begin() + n}, 0});
+                queued += n;
+                continue;
             }
-            if (!idleUntil(chunk.due)) return;
-            if (chunk.data.empty()) return (void)shutdown(fd, SHUT_WR);
-            for (size_t at = 0; at < chunk.data.size();) {
-                if (sent == rules.cutAt) return cut(options_.reset);
-                const uint64_t stall =
-                    stalls < rules.stallAt.size() ? rules.stallAt[stalls] : kNever;
-                if (sent == stall) {
-                    ++stalls;
-                    if (!idleUntil(Clock::now() + options_.stallFor)) return;
-                    continue;
-                }
-                uint64_t n = std::min({chunk.data.size() - at, rules.cutAt - sent, stall - sent});
-                if (rules.rate) {
-                    n = std::min(n, std::max<uint64_t>(rules.rate / 50, 1));
-                    paced = std::max(paced, Clock::now());
-                    if (!idleUntil(paced)) return;
-                }
-                const ssize_t w = send(fd, chunk.data.data() + at, n, MSG_NOSIGNAL);
-                if (w < 0 && (errno == EAGAIN || errno == EINTR) && idleUntil(Clock::now()))
-                    continue;
-                if (w < 0) return cut(true);
-                at += w;
-                sent += w;
-                if (rules.rate) paced += std::chrono::nanoseconds(w * 1000000000 / rules.rate);
+            Chunk& head = queue.front();
+            if (head.data.empty()) return (void)shutdown(to, SHUT_WR);
+            const uint64_t stall = stalls < rules.stallAt.size() ? rules.stallAt[stalls] : kNever;
+            if (sent == stall) {
+                ++stalls;
+                idleUntil(now + options_.stallFor);
+                continue;
             }
+            uint64_t n =
+                std::min({head.data.size() - head.offset, rules.cutAt - sent, stall - sent});
+            if (rules.rate) {
+                n = std::min(n, std::max<uint64_t>(rules.rate / 50, 1));
+                paced = std::max(paced, now);
+                if (!idleUntil(paced)) return;
+            }
+            const ssize_t w = send(to, head.data.data() + head.offset, n, MSG_NOSIGNAL);
+            if (w < 0 && errno != EAGAIN && errno != EINTR) return cut(true);
+            if (w < 0) continue;
+            head.offset += w;
+            sent += w;
+            queued -= w;
+            if (head.offset == head.data.size()) queue.pop_front();
+            if (rules.rate) paced += std::chrono::nanoseconds(w * 1000000000 / rules.rate);
         }
     }
 
   private:
+    static constexpr std::chrono::milliseconds kTick{100};
+
     // Waits until `when`; false when the connection was cut meanwhile.
     bool idleUntil(Clock::time_point when) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return !changed_.wait_until(lock, when, [&] { return cut_; });
+        while (!cut_ && Clock::now() < when)
+            std::this_thread::sleep_for(std::min<Clock::duration>(when - Clock::now(), kTick));
+        return !cut_;
     }
 
     // A FIN goes at once; an RST with the close, when no thread uses the sockets any more.
     void cut(bool reset) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (cut_) return;
-        cut_ = true;
+        if (cut_.exchange(true)) return;
         for (int fd : fds_) {
             const linger hard{1, 0};
             if (reset) setsockopt(fd, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
             if (!reset) shutdown(fd, SHUT_WR);
         }
-        changed_.notify_all();
     }
 
     const int fds_[2];
     const Options options_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<Chunk> queues_[2];
-    size_t queued_[2] = {0, 0};
-    bool cut_ = false;
+    std::atomic<bool> cut_{false};
 };
 
 void prepare(int fd) {
@@ -174,7 +158,6 @@ void prepare(int fd) {
     const int one = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     const timeval tick{0, 100000};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tick, sizeof tick);
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tick, sizeof tick);
 }
 
@@ -217,10 +200,7 @@ void run(const Options& options) {
         prepare(client);
         prepare(server);
         const auto c = std::make_shared<Connection>(client, server, options);
-        for (int d : {0, 1}) {
-            std::thread(&Connection::read, c, d).detach();
-            std::thread(&Connection::write, c, d).detach();
-        }
+        for (int d : {0, 1}) std::thread(&Connection::pump, c, d).detach();
     }
 }
 
