@@ -1,18 +1,12 @@
-// fg-relay: a TCP relay that puts emulated distance and faults between a client and a server,
-// made in user space because the test machines' kernel has no netem.
-//
-//   fg-relay --target HOST:PORT [--listen HOST:PORT|HOST:LOW-HIGH] [rules]
-//
-// prints the port it listens on (one line; port 0 or a range picks a free one) and forwards every
-// connection to the target until it is killed. Rules hold per direction, up (client to server)
-// and down (server to client):
-//   --delay-up-ms MS, --delay-down-ms MS  every byte leaves MS later than it came, in order;
-//                                         reading goes on meanwhile, so delay does not cap the rate
-//   --rate-up B, --rate-down B            at most B bytes per second
-//   --stall-up-at N, --stall-down-at N    pause for --stall-ms (default 1000) once N bytes have
-//                                         gone (repeatable)
-//   --cut-up-at N, --cut-down-at N        close both sides once N bytes have gone, with RST
-//                                         instead of FIN under --cut-with-reset
+// fg-relay --target HOST:PORT [--listen HOST:PORT|HOST:LOW-HIGH] [rules]: a TCP relay that puts
+// emulated distance and faults between a client and a server, in user space because the test
+// machines' kernel has no netem. It prints the port it listens on (one line) and forwards every
+// connection until it is killed. Rules, per direction (up: client to server, down: back):
+//   --delay-{up,down}-ms MS  every byte leaves MS later, in order; reading goes on meanwhile
+//   --rate-{up,down} B       at most B bytes per second
+//   --stall-{up,down}-at N   pause for --stall-ms (default 1000) once N bytes have gone; repeatable
+//   --cut-{up,down}-at N     close both sides once N bytes have gone, with RST under
+//                            --cut-with-reset
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
