@@ -23,56 +23,43 @@
 #include "ssh/shell_quote.h"
 #include "ssh/ssh_transfer.h"
 
-namespace {
-
-void getWithWindow(tavik::libssh2pp::Session& session, const std::string& remote,
-                   const std::string& local, unsigned window) {
-    const unsigned packet = std::min(32768u, window / 4);
-    tavik::libssh2pp::Channel channel(libssh2_channel_open_ex(
-        session.get(), "session", sizeof("session") - 1, window, packet, nullptr, 0));
-    const std::string command = "cat " + tavik::sh_quote(remote);
-    libssh2_channel_process_startup(channel.get(), "exec", 4, command.data(),
-                                    static_cast<unsigned>(command.size()));
-    libssh2_channel_send_eof(channel.get());
-    std::ofstream out(local, std::ios::binary | std::ios::trunc);
-    char buffer[65536];
-    while (!libssh2_channel_eof(channel.get())) {
-        session.waitForInput(channel, 1000);
-        const ssize_t n = channel.readQueued(0, buffer, sizeof buffer);
-        out.write(buffer, n);
-    }
-    libssh2_channel_wait_closed(channel.get());
-}
-
-}  // namespace
+using tavik::libssh2pp::Channel;
 
 int main(int argc, char** argv) {
-    if (argc != 6 && argc != 7) {
+    const char* password = std::getenv("FERRYGATE_BENCH_PASSWORD");
+    if ((argc != 6 && argc != 7) || password == nullptr) {
         std::cerr << "usage: FERRYGATE_BENCH_PASSWORD=... " << argv[0]
                   << " PORT USER REMOTE_FILE LOCAL_FILE RUNS [WINDOW]\n";
         return 2;
     }
-    const char* password = std::getenv("FERRYGATE_BENCH_PASSWORD");
-    if (password == nullptr) {
-        std::cerr << "FERRYGATE_BENCH_PASSWORD is not set\n";
-        return 2;
-    }
-    const unsigned window = argc == 7 ? static_cast<unsigned>(std::atoi(argv[6])) : 0;
+    const std::string remote = argv[3], local = argv[4];
+    const unsigned window = argc == 7 ? std::atoi(argv[6]) : 0;
     try {
-        tavik::Ssh ssh("127.0.0.1", argv[2], password, false,
-                       static_cast<unsigned short>(std::atoi(argv[1])));
+        tavik::Ssh ssh("127.0.0.1", argv[2], password, false, std::atoi(argv[1]));
         LIBSSH2_SESSION* session = ssh.session().get();
         std::cout << "cipher " << libssh2_session_methods(session, LIBSSH2_METHOD_CRYPT_SC) << "\n"
                   << "mac " << libssh2_session_methods(session, LIBSSH2_METHOD_MAC_SC) << "\n";
         for (int run = 0; run < std::atoi(argv[5]); ++run) {
             const auto start = std::chrono::steady_clock::now();
-            if (window > 0) {
-                getWithWindow(ssh.session(), argv[3], argv[4], window);
+            if (window == 0) {
+                ssh.get(local, remote);
             } else {
-                ssh.get(std::string(argv[4]), std::string(argv[3]));
+                Channel channel(libssh2_channel_open_ex(session, "session", 7, window,
+                                                        std::min(32768u, window / 4), nullptr, 0));
+                const std::string command = "cat " + tavik::sh_quote(remote);
+                libssh2_channel_process_startup(channel.get(), "exec", 4, command.data(),
+                                                command.size());
+                libssh2_channel_send_eof(channel.get());
+                std::ofstream out(local, std::ios::binary | std::ios::trunc);
+                char buffer[65536];
+                while (!libssh2_channel_eof(channel.get())) {
+                    ssh.session().waitForInput(channel, 1000);
+                    out.write(buffer, channel.readQueued(0, buffer, sizeof buffer));
+                }
+                libssh2_channel_wait_closed(channel.get());
             }
             const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-            const double mb = boost::filesystem::file_size(argv[4]) / 1e6;
+            const double mb = boost::filesystem::file_size(local) / 1e6;
             std::cout << "run " << took.count() << " " << mb / took.count() << std::endl;
         }
     } catch (const std::exception& e) {
@@ -82,5 +69,4 @@ int main(int argc, char** argv) {
     rusage usage = {};
     getrusage(RUSAGE_SELF, &usage);
     std::cout << "maxrss_kib " << usage.ru_maxrss << "\n";
-    return 0;
 }

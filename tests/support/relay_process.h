@@ -12,7 +12,7 @@ namespace test {
 // fg-relay in front of a local port, for tests that need distance or faults between ferrygate
 // and sshd: RelayProcess relay(sshd.port(), {"--delay-down-ms", "25"}), then connect to
 // relay.port(), a free loopback port from 20000 to 32767 (ferrygate refuses higher ones). The
-// constructor throws std::runtime_error when the relay does not start within five seconds.
+// constructor throws std::runtime_error when the relay does not start; the destructor kills it.
 class RelayProcess {
   public:
     RelayProcess(uint16_t targetPort, const std::vector<std::string>& rules);
@@ -23,9 +23,6 @@ class RelayProcess {
     uint16_t port() const { return port_; }
 
   private:
-    // Sends SIGTERM and waits.
-    void stop();
-
     pid_t pid_ = -1;
     uint16_t port_ = 0;
 };
