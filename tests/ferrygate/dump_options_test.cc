@@ -60,24 +60,13 @@ TEST_F(DumpOptionsTest, TheFileComesFirstAndTheCommandLineAddsToItsListsAndOverr
     EXPECT_EQ("--dump-clients=- --dump-resellers=- --include-app-distrib | c\nr", prepare());
 }
 
-TEST_F(DumpOptionsTest, RsyncConnectionLinesComeFirstAndDumpAllIgnoresTheSelection) {
-    cfg_.contentTransport = "rsync";
-    cfg_.host = "src.example";
-    cfg_.login = "admin";
-    cfg_.password = "pw";
-    cfg_.port = 2222;
-    cfg_.domains = "d";
-    EXPECT_EQ(
-        "--content-transport=rsync --dump-domains=- --include-app-distrib | "
-        "src.example\nadmin\npw\n2222\nd",
-        prepare());
-
+// The rsync lines ahead of the lists are checked by the dump-selected migration.
+TEST_F(DumpOptionsTest, DumpAllIgnoresTheSelection) {
     selectionFile("filter=\"only-mail\"", kObjects);
     cfg_.action = ACTION_DUMP_ALL;
     cfg_.compress = COMPRESS_NONE;
     cfg_.filter = FILTER_ONLY_MAIL;
-    EXPECT_EQ("--content-transport=rsync --dump-all | src.example\nadmin\npw\n2222\n", prepare());
-    cfg_.contentTransport = "Rsync";
+    cfg_.domains = "d";
     EXPECT_EQ("--dump-all | ", prepare());
 }
 
