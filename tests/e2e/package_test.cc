@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
-#include <fstream>
 #include <iterator>
 #include <regex>
 #include <set>
@@ -45,12 +44,6 @@ bool executable(const fs::path& p) { return fs::status(p).permissions() & fs::ow
 
 ProcessResult inBuildDir(const std::string& command) {
     return sh("cd " + inQuotes(FERRYGATE_BUILD_DIR) + " && " + command);
-}
-
-std::string confValue(const std::string& text, const std::string& name) {
-    std::smatch m;
-    const std::regex line("(^|\n)" + name + "[ \t]+([^\n]*)");
-    return std::regex_search(text, m, line) ? m[2].str() : "(not set)";
 }
 
 std::set<std::string> wordsOf(const std::string& text) {
@@ -89,8 +82,8 @@ class PrivateVarAndUsrLocal {
         if (mount("fg-package-test", scratch.c_str(), "tmpfs", 0, "mode=0700") != 0)
             throw std::runtime_error("cannot mount the scratch tmpfs");
         for (const char* lower : {"/var", "/usr/local"}) {
-            const fs::path upper = scratch / (lower + 1) / "upper";
-            const fs::path work = scratch / (lower + 1) / "work";
+            const fs::path upper = scratch / (lower + 1) / "upper",
+                           work = scratch / (lower + 1) / "work";
             fs::create_directories(upper);
             fs::create_directories(work);
             const std::string options = std::string("lowerdir=") + lower +
@@ -113,14 +106,7 @@ ProcessResult dpkg(const std::string& args) {
     return sh("dpkg --log=/dev/null " + args + " </dev/null");
 }
 
-class Package : public test::SshdTest {
-  protected:
-    test::SshdOptions sshdOptions() const override {
-        test::SshdOptions options;
-        options.ports = "20000-32767";  // the command line refuses higher ports
-        return options;
-    }
-};
+class Package : public test::SshdTest {};
 
 TEST_F(Package, InstallsTheProductThatThenRunsTheScoutAndRemovesItCleanly) {
     testing::ScratchDir scratch;
@@ -130,10 +116,11 @@ TEST_F(Package, InstallsTheProductThatThenRunsTheScoutAndRemovesItCleanly) {
     const std::string staged = scratch.path() + "/etc/hmx/hmx.conf";
     ProcessResult r = inBuildDir(install);
     ASSERT_EQ(0, r.status) << r.out;
-    EXPECT_EQ(kPrefix.string(), confValue(readFile(staged), "PRODUCT_ROOT_D"));
-    std::ofstream(staged) << "PRODUCT_ROOT_D /opt/elsewhere\n";
+    const std::string rootLine = "\nPRODUCT_ROOT_D " + kPrefix.string() + "\n";
+    EXPECT_NE(std::string::npos, readFile(staged).find(rootLine));
+    testing::writeTextFile(staged, "PRODUCT_ROOT_D /opt/elsewhere\n");
     ASSERT_EQ(0, inBuildDir(install).status);
-    EXPECT_EQ("/opt/elsewhere", confValue(readFile(staged), "PRODUCT_ROOT_D"));
+    EXPECT_EQ("PRODUCT_ROOT_D /opt/elsewhere\n", readFile(staged));
 
     r = inBuildDir("cpack -G DEB -B " + inQuotes(scratch.path()));
     ASSERT_EQ(0, r.status) << r.out;
@@ -157,9 +144,6 @@ TEST_F(Package, InstallsTheProductThatThenRunsTheScoutAndRemovesItCleanly) {
         PrivateVarAndUsrLocal overlays(fs::path(scratch.path()) / "overlays");
         r = dpkg("-i " + inQuotes(deb));
         ASSERT_EQ(0, r.status) << r.out;
-        EXPECT_EQ("install ok installed", sh("dpkg-query -W -f='${Status}' ferrygate").out);
-        EXPECT_NE(std::string::npos,
-                  sh("dpkg-query -W -f='${Conffiles}' ferrygate").out.find("/etc/hmx/hmx.conf"));
         // Every data file, with its size and execute bit.
         size_t files = 0;
         for (fs::recursive_directory_iterator it(kSource / "data"), end; it != end; ++it) {
@@ -171,7 +155,7 @@ TEST_F(Package, InstallsTheProductThatThenRunsTheScoutAndRemovesItCleanly) {
             EXPECT_EQ(executable(it->path()), executable(installed)) << installed;
         }
         EXPECT_GE(files, 3u) << "scout, agent and logging configuration";
-        EXPECT_EQ(kPrefix.string(), confValue(readFile("/etc/hmx/hmx.conf"), "PRODUCT_ROOT_D"));
+        EXPECT_NE(std::string::npos, readFile("/etc/hmx/hmx.conf").find(rootLine));
         EXPECT_EQ(fs::perms(0750), fs::status(kPrefix / "RKU/tmp").permissions());
         EXPECT_EQ(readFile((kSource / "docs/ferrygate.1").string()),
                   readFile((kPrefix / "share/man/man1/ferrygate.1").string()));
@@ -189,7 +173,6 @@ TEST_F(Package, InstallsTheProductThatThenRunsTheScoutAndRemovesItCleanly) {
         // One real action from nothing but the installed files: the installed configuration
         // leads the program to its scout and its logging configuration.
         const std::string installed = (kPrefix / "bin/ferrygate").string();
-        EXPECT_EQ(sh(FERRYGATE_BINARY " --help").out, sh(installed + " --help").out);
         const std::string session = scratch.path() + "/session";
         r = test::runProcess(
             {installed, "--send-scout", "--host=127.0.0.1", "--port=" + std::to_string(port()),
