@@ -16,16 +16,15 @@
 namespace tavik {
 namespace test {
 
+// The account is fgtest; the port is random from 20000 to 32767 (ferrygate's command line refuses
+// higher ones).
 struct SshdOptions {
-    std::string user = "fgtest";
     // Methods the server offers, comma-separated: password, keyboard-interactive, publickey.
     std::string auth = "password,keyboard-interactive";
     // Also offer the legacy key exchange diffie-hellman-group1-sha1.
     bool compat = false;
     // Login shell of the account; empty means /bin/bash.
     std::string shell;
-    // Range of the random port, "LOW-HIGH"; ferrygate's command line refuses ports above 32767.
-    std::string ports = "20000-32767";
 };
 
 // One running server and its test account; stopped (with all its sessions) by the destructor.
@@ -56,7 +55,7 @@ class SshdServer {
   private:
     std::string host_ = "127.0.0.1";
     unsigned short port_ = 0;
-    std::string user_;
+    std::string user_ = "fgtest";
     std::string password_;
     std::string home_;
     std::string dir_;
