@@ -17,18 +17,7 @@ void mustRun(const std::vector<std::string>& argv, const std::string& input = ""
     if (r.status != 0) throw std::runtime_error(argv[0] + " failed: " + r.err);
 }
 
-std::string ownerOf(const std::string& account) {
-    mustRun({"/usr/sbin/useradd", "-M", "-r", account});
-    return account;
-}
-
 }  // namespace
-
-SshdOptions MigrationTest::sshdOptions() const {
-    SshdOptions options;
-    options.ports = "20000-32767";
-    return options;
-}
 
 void MigrationTest::SetUp() {
     SshdTest::SetUp();
@@ -37,15 +26,16 @@ void MigrationTest::SetUp() {
     const std::string root = scratch_.path();
     // The login reads the hosting tree when the agent runs without sudo.
     chmod(root.c_str(), 0755);
-    mustRun({"/usr/sbin/useradd", "-M", "-r", "hmxadm"});
+    for (const char* account : {"hmxadm", "alice", "carol"})
+        ASSERT_TRUE(testing::addSystemAccount(account)) << account;
 
-    product_ = root + "/product";
-    agentsDir_ = product_ + "/RKU/agents";
-    testing::writeTextFile("/etc/hmx/hmx.conf", "PRODUCT_ROOT_D " + product_ + "\n");
+    const std::string product = root + "/product";
+    agentsDir_ = product + "/RKU/agents";
+    testing::writeTextFile("/etc/hmx/hmx.conf", "PRODUCT_ROOT_D " + product + "\n");
     const std::string data = scriptsDir() + "/../data";
-    mustRun({"/bin/mkdir", "-p", product_ + "/RKU"});
+    mustRun({"/bin/mkdir", "-p", product + "/RKU"});
     mustRun({"/bin/cp", "-r", data + "/scout.pl", data + "/log4cpp.properties", data + "/agents",
-             product_ + "/RKU/"});
+             product + "/RKU/"});
 
     hosting_ = root + "/hosting";
     const std::string web = hosting_ + "/web", mail = hosting_ + "/mail";
@@ -57,9 +47,9 @@ void MigrationTest::SetUp() {
     testing::writeTextFile(mail + "/example.com/info/cur/1", "Subject: hello\n\nhi\n");
     testing::writeTextFile(mail + "/example.com/bob/new/2", "Subject: news\n\nnews\n");
     testing::writeTextFile(mail + "/lists.org/news/cur/1", "Subject: list\n\nlist\n");
-    mustRun({"/bin/chown", "-R", ownerOf("alice"), web + "/example.com", mail + "/example.com"});
-    mustRun({"/bin/chown", "-R", ownerOf("carol"), web + "/shop.test"});
-    mustRun({"/bin/chmod", "-R", "a+rX", hosting_, product_});
+    mustRun({"/bin/chown", "-R", "alice", web + "/example.com", mail + "/example.com"});
+    mustRun({"/bin/chown", "-R", "carol", web + "/shop.test"});
+    mustRun({"/bin/chmod", "-R", "a+rX", hosting_, product});
     configureAgent();
 
     sudoPassword_ = randomPassword();

@@ -21,8 +21,6 @@ class MigrationTest : public SshdTest {
   protected:
     explicit MigrationTest(const std::string& binary) : binary_(binary) {}
 
-    // Ports above 32767 are refused by the command line.
-    SshdOptions sshdOptions() const override;
     void SetUp() override;
 
     // Runs ferrygate with the connection options, the session path, `args` and, for every
@@ -51,8 +49,7 @@ class MigrationTest : public SshdTest {
     // The content archives that the session's dump.xml lists.
     std::vector<Archive> dumpArchives() const;
 
-    std::string product_;       // product root; data below product_/RKU
-    std::string agentsDir_;     // product_/RKU/agents
+    std::string agentsDir_;     // the product's agents, below the product root of hmx.conf
     std::string hosting_;       // hosting_/web and hosting_/mail: the source host's objects
     std::string session_;       // the session directory
     std::string remoteAgent_;   // the agent directory on the source host (absolute)

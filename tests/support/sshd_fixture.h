@@ -1,12 +1,6 @@
-// A real OpenSSH server on 127.0.0.1 for tests, started through scripts/sshd-host.sh.
-//
-// Tests run inside scripts/sandbox.sh (CTest does that for every case), where the server's test
-// account and its PAM stack stay private. Typical use:
-//
-//   class MyTest : public tavik::test::SshdTest {};
-//   TEST_F(MyTest, Works) { tavik::Ssh ssh(host(), user(), password(), false, port()); ... }
-//
-// or, for a server of another kind, override sshdOptions() in the fixture.
+// A real OpenSSH server on 127.0.0.1 for tests, started through scripts/sshd-host.sh inside
+// scripts/sandbox.sh, where its test account and PAM stack stay private. Derive from SshdTest;
+// override sshdOptions() for a server of another kind.
 #ifndef FERRYGATE_TESTS_SUPPORT_SSHD_FIXTURE_H
 #define FERRYGATE_TESTS_SUPPORT_SSHD_FIXTURE_H
 
@@ -22,16 +16,15 @@
 namespace tavik {
 namespace test {
 
+// The account is fgtest; the port is random from 20000 to 32767 (ferrygate's command line refuses
+// higher ones).
 struct SshdOptions {
-    std::string user = "fgtest";
     // Methods the server offers, comma-separated: password, keyboard-interactive, publickey.
     std::string auth = "password,keyboard-interactive";
     // Also offer the legacy key exchange diffie-hellman-group1-sha1.
     bool compat = false;
     // Login shell of the account; empty means /bin/bash.
     std::string shell;
-    // Range of the random port, "LOW-HIGH".
-    std::string ports = "20000-60999";
 };
 
 // One running server and its test account; stopped (with all its sessions) by the destructor.
@@ -56,13 +49,13 @@ class SshdServer {
     void killSessions() const;
     // The server's own log, for diagnosing a failing test.
     std::string log() const;
-    // Stops the server now; the destructor then does nothing.
+    // Stops the server now (the destructor does it otherwise).
     void stop();
 
   private:
     std::string host_ = "127.0.0.1";
     unsigned short port_ = 0;
-    std::string user_;
+    std::string user_ = "fgtest";
     std::string password_;
     std::string home_;
     std::string dir_;
