@@ -5,6 +5,7 @@
 #include <boost/filesystem/operations.hpp>
 #include <cstdio>
 
+#include "commons/commons.h"
 #include "commons/exceptions.h"
 #include "commons/handle.h"
 
@@ -66,7 +67,7 @@ void recursive_dir_walk(const boost::filesystem::path& root, DirVisitor visit) {
 
 void recursive_dir_walk_sync(const boost::filesystem::path& full,
                              const boost::filesystem::path& relative, DirVisitor visit) {
-    if (!visit(full, relative) || !boost::filesystem::is_directory(full)) {
+    if (!visit(full, relative) || !isDirectory(full)) {
         return;
     }
     for (boost::filesystem::directory_iterator it(full), end; it != end; ++it) {

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <boost/filesystem/operations.hpp>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +14,21 @@
 #include "utils/read_configuration.h"
 
 namespace tavik {
+
+bool isDirectory(const boost::filesystem::path& path) {
+    boost::system::error_code ignored;
+    return boost::filesystem::is_directory(path, ignored);
+}
+
+bool isRegularFile(const boost::filesystem::path& path) {
+    boost::system::error_code ignored;
+    return boost::filesystem::is_regular_file(path, ignored);
+}
+
+bool pathExists(const boost::filesystem::path& path) {
+    boost::system::error_code ignored;
+    return boost::filesystem::exists(path, ignored);
+}
 
 namespace {
 

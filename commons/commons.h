@@ -19,6 +19,12 @@ void make_dir(char* path, unsigned owner, unsigned group, unsigned mode);
 void make_dir(const std::string& path, unsigned owner, unsigned group, unsigned mode);
 void make_dir(const boost::filesystem::path& path, unsigned owner, unsigned group, unsigned mode);
 
+// What a path is, false when it cannot be found out: a name too long for the system or a
+// directory that may not be searched is no directory to use, never a reason to abort.
+bool isDirectory(const boost::filesystem::path& path);
+bool isRegularFile(const boost::filesystem::path& path);
+bool pathExists(const boost::filesystem::path& path);
+
 // Seven characters of [a-zA-Z0-9] from rand(); the caller seeds the generator.
 std::string randomPasswd();
 

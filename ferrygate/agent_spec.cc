@@ -6,6 +6,7 @@
 #include <fstream>
 #include <log4cpp/Category.hh>
 
+#include "commons/commons.h"
 #include "commons/exceptions.h"
 #include "utils/files.h"
 
@@ -101,7 +102,7 @@ std::string AgentsFactory::agentsDir() const {
 void AgentsFactory::parseAgent(const std::string& name, const fs::path& dir) {
     logger.infoStream() << "Parsing " << name;
     const fs::path spec = dir / "control" / "spec";
-    if (!fs::is_regular_file(spec)) {
+    if (!isRegularFile(spec)) {
         logger.warnStream() << boost::format("%1% is not a regular file") % spec.string();
         return;
     }
@@ -122,13 +123,13 @@ void AgentsFactory::parseAgent(const std::string& name) {
         return;
     }
     const fs::path dir = fs::path(agentsDir()) / name;
-    if (fs::is_directory(dir)) parseAgent(name, dir);
+    if (isDirectory(dir)) parseAgent(name, dir);
 }
 
 const AgentsFactory::AgentMap& AgentsFactory::getAllAgents() {
     logger.info("Parsing available agents info");
     const fs::path dir(agentsDir());
-    if (fs::is_directory(dir)) {
+    if (isDirectory(dir)) {
         for (fs::directory_iterator it(dir), end; it != end; ++it) {
             parseAgent(it->path().filename().string());
         }

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "commons/checksum.h"
+#include "commons/commons.h"
 #include "commons/exceptions.h"
 #include "ferrygate/actions.h"
 #include "ferrygate/agent_spec.h"
@@ -32,7 +33,7 @@ bool hasMd5(const std::string& file, const std::string& md5) {
 // be made.
 std::string existingAncestor(const std::string& path) {
     fs::path dir = fs::absolute(path);
-    while (!dir.empty() && !fs::exists(dir)) dir = dir.parent_path();
+    while (!dir.empty() && !pathExists(dir)) dir = dir.parent_path();
     return dir.empty() ? "/" : dir.string();
 }
 

@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "commons/checksum.h"
+#include "commons/commons.h"
 #include "commons/exceptions.h"
 #include "ferrygate/agent_spec.h"
 #include "ferrygate/session.h"
@@ -40,9 +41,9 @@ void SendAgentAction::execute() {
     // Everything that can be found wrong on this host is, before the source host is touched.
     const fs::path agents(files::agents::getDir());
     const fs::path shared = agents / "shared";
-    if (!fs::is_directory(shared)) TAVIK_RAISE(NoSharedAgentsDirectory);
+    if (!isDirectory(shared)) TAVIK_RAISE(NoSharedAgentsDirectory);
     const fs::path agentDir = agents / cfg().agentName;
-    if (!isSingleComponent(cfg().agentName) || !fs::is_directory(agentDir)) {
+    if (!isSingleComponent(cfg().agentName) || !isDirectory(agentDir)) {
         TAVIK_RAISE(NoAgentDirectory, cfg().agentName);
     }
     const boost::shared_ptr<Agent> agent = theAgentsFactory().getAgent(cfg().agentName);
@@ -79,7 +80,7 @@ void SendAgentAction::sendTree(const fs::path& local) {
 
 bool SendAgentAction::sendFile(const fs::path& base, const fs::path& local,
                                const fs::path& remote) {
-    if (!fs::is_directory(local)) {
+    if (!isDirectory(local)) {
         logger.infoStream() << "remote <copy " << remote.string() << " (from " << local.string()
                             << ")";
         getSsh()->put(local.string(), remote.string());

@@ -15,16 +15,6 @@ SessionFiles* theSession = nullptr;
 
 namespace {
 const unsigned kSessionMode = 0750;
-
-bool isDirectory(const fs::path& path) {
-    boost::system::error_code ignored;
-    return fs::is_directory(path, ignored);
-}
-
-bool pathExists(const fs::path& path) {
-    boost::system::error_code ignored;
-    return fs::exists(path, ignored);
-}
 }  // namespace
 
 SessionFiles::SessionFiles(const std::string& dir) : dir_(dir) {
