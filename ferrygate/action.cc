@@ -243,22 +243,6 @@ void FileRetrievalProgressUpdater::operator()(int bytes) {
     status->saveFile();
 }
 
-void replaceFileText(const std::string& path, const std::string& text) {
-    const std::string temporary = path + ".tmp";
-    {
-        std::ofstream out(temporary.c_str(), std::ios::binary | std::ios::trunc);
-        out << text;
-        out.close();
-        if (!out) TAVIK_RAISE(FileWrite, path, strerror(errno));
-    }
-    giveToHmxadm(temporary);
-    if (rename(temporary.c_str(), path.c_str()) != 0) {
-        const std::string reason = strerror(errno);
-        unlink(temporary.c_str());
-        TAVIK_RAISE(FileWrite, path, reason);
-    }
-}
-
 void FileRetrievalProgressUpdater::skip(int64_t bytes) {
     sizeLeft -= bytes;
     currentFileLeft -= bytes;

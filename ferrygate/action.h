@@ -125,10 +125,6 @@ std::string shellWords(std::initializer_list<std::string> words);
 // Gives a local file to the account hmxadm (user and primary group); a failure is logged.
 void giveToHmxadm(const std::string& path);
 
-// Replaces the file at `path` with `text` through a temporary file renamed over it, given to
-// hmxadm like every file the controlling process reads. Throws FileWrite.
-void replaceFileText(const std::string& path, const std::string& text);
-
 // An output stream that drops everything written to it.
 class DiscardStream : public std::ostream {
   public:

@@ -9,6 +9,7 @@
 #include "commons/checksum.h"
 #include "commons/commons.h"
 #include "commons/exceptions.h"
+#include "commons/replace_file.h"
 #include "ferrygate/actions.h"
 #include "ferrygate/agent_spec.h"
 #include "ferrygate/session.h"
@@ -122,7 +123,7 @@ void RetrieveContentAction::execute() {
         status->saveFile();
     }
 
-    replaceFileText(cfg().sessionPath + "/dump-name", target + "/dump.xml");
+    replaceFileText(cfg().sessionPath + "/dump-name", adminAccount(), target + "/dump.xml");
 }
 
 }  // namespace tavik

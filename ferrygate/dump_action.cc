@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "commons/exceptions.h"
+#include "commons/replace_file.h"
 #include "ferrygate/actions.h"
 #include "ferrygate/agent_spec.h"
 #include "ferrygate/session.h"
@@ -42,7 +43,7 @@ void RetrieveDumpAction::execute() {
     if (stat(theSession->getDumpFileName().c_str(), &st) != 0 || st.st_size == 0) {
         TAVIK_RAISE(CantRetrieveDumpFile, err.str() + "(the agent left no " + remoteDump + ")");
     }
-    replaceFileText(cfg().sessionPath + "/dump-name", theSession->getDumpFileName());
+    replaceFileText(cfg().sessionPath + "/dump-name", adminAccount(), theSession->getDumpFileName());
 }
 
 }  // namespace tavik

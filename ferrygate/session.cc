@@ -65,4 +65,8 @@ SessionLifetimeController::~SessionLifetimeController() {
     theSession = nullptr;
 }
 
+MigrationStatusPtr createMigrationStatusFile() {
+    return createMigrationStatusFile(theSession->getStatusFileName(), adminAccount());
+}
+
 }  // namespace tavik

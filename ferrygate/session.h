@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "xml/migration_status.h"
+
 namespace tavik {
 
 // Names are the session path as given plus a fixed suffix: no normalisation, so a trailing "/"
@@ -47,6 +49,10 @@ class SessionLifetimeController {
     SessionLifetimeController(const SessionLifetimeController&) = delete;
     SessionLifetimeController& operator=(const SessionLifetimeController&) = delete;
 };
+
+// A new, empty migration status document of the current session, given to hmxadm when saved;
+// theSession must be set. Nothing is written yet.
+MigrationStatusPtr createMigrationStatusFile();
 
 }  // namespace tavik
 

@@ -6,7 +6,6 @@
 #include <boost/lexical_cast.hpp>
 #include <exception>
 
-#include "ferrygate/session.h"
 #include "xml/xml_internal.h"
 
 namespace tavik {
@@ -36,8 +35,10 @@ MigrationStatus* MigrationStatusPtr::release() noexcept {
     return released;
 }
 
-XmlMigrationStatus::XmlMigrationStatus()
-    : state_(idle),
+XmlMigrationStatus::XmlMigrationStatus(const std::string& statusFile, const FileOwner& owner)
+    : statusFile_(statusFile),
+      owner_(owner),
+      state_(idle),
       operation_(opDeploy),
       currentObjectType_(objAccount),
       uncaughtAtConstruction_(std::uncaught_exceptions()) {
@@ -124,8 +125,7 @@ void XmlMigrationStatus::saveFile() {
     // The file format has no process id: with no parent, this creates nothing.
     newTextChild(nullptr, "pid", pid_);
     build();
-    if (theSession == nullptr) TAVIK_XML_RAISE(logger, AssertionFailed, "theSession != NULL");
-    saveToFileAtomically(theSession->getStatusFileName());
+    saveToFileAtomically(statusFile_, owner_);
 }
 
 void XmlMigrationStatus::build() {
@@ -179,8 +179,8 @@ void XmlMigrationStatus::build() {
     }
 }
 
-MigrationStatusPtr createMigrationStatusFile() {
-    return MigrationStatusPtr(new XmlMigrationStatus());
+MigrationStatusPtr createMigrationStatusFile(const std::string& statusFile, const FileOwner& owner) {
+    return MigrationStatusPtr(new XmlMigrationStatus(statusFile, owner));
 }
 
 }  // namespace tavik

@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "commons/replace_file.h"
 #include "xml/xml_wrap.h"
 
 namespace tavik {
@@ -68,8 +69,9 @@ class MigrationStatusPtr {
 // is logged).
 class XmlMigrationStatus : public tXmlRkuDocument, public MigrationStatus {
   public:
-    // State idle, every field empty; writes nothing.
-    XmlMigrationStatus();
+    // State idle, every field empty; writes nothing. Every save replaces `statusFile` with a
+    // file given to `owner`.
+    XmlMigrationStatus(const std::string& statusFile, const FileOwner& owner);
     ~XmlMigrationStatus() noexcept(false) override;
     // A copy would share the tree and save a second time when destroyed.
     XmlMigrationStatus(const XmlMigrationStatus&) = delete;
@@ -89,7 +91,7 @@ class XmlMigrationStatus : public tXmlRkuDocument, public MigrationStatus {
     void setDeploy(const std::string& accounts, const std::string& domains) override;
     void setCurrentObject(const std::string& name, objectType type) override;
     void setTranslate() override;
-    // Rebuilds the children of the root and saves atomically to theSession's status file. Only
+    // Rebuilds the children of the root and saves atomically to the status file. Only
     // the children are rebuilt: attributes that the deploy state put on the root stay, with
     // their last values, in every later save.
     void saveFile() override;
@@ -99,6 +101,8 @@ class XmlMigrationStatus : public tXmlRkuDocument, public MigrationStatus {
 
     void build();
 
+    std::string statusFile_;
+    FileOwner owner_;
     State state_;
     agentOperation operation_;
     std::string pid_;
@@ -120,8 +124,9 @@ class XmlMigrationStatus : public tXmlRkuDocument, public MigrationStatus {
     int uncaughtAtConstruction_;
 };
 
-// A new, empty status document of the current session; nothing is written yet.
-MigrationStatusPtr createMigrationStatusFile();
+// A new, empty status document saved to `statusFile`; nothing is written yet. (The session's
+// own, createMigrationStatusFile(), is in ferrygate/session.h.)
+MigrationStatusPtr createMigrationStatusFile(const std::string& statusFile, const FileOwner& owner);
 
 }  // namespace tavik
 

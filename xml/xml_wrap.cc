@@ -16,6 +16,7 @@
 
 #include "commons/commons.h"
 #include "commons/exceptions.h"
+#include "commons/replace_file.h"
 #include "utils/tavik_ugid.h"
 #include "xml/xml_internal.h"
 #include "xml/xml_parse.h"
@@ -40,18 +41,6 @@ struct FileDescriptor {
         return result;
     }
 };
-
-struct FileOwner {
-    uid_t uid;
-    gid_t gid;
-};
-
-// The account does not change during a run, and looking it up costs as much as all the rest of
-// a status save; a missing account (0, 0) is reported once instead of at every save.
-const FileOwner& hmxadm() {
-    static const FileOwner owner{tavik_ugid("hmxadm", 0), tavik_ugid("hmxadm", 1)};
-    return owner;
-}
 
 struct OutputBufferClose {
     void operator()(xmlOutputBuffer* buffer) const { xmlOutputBufferClose(buffer); }
@@ -167,37 +156,11 @@ int tXmlDocument::saveToBuffer(xmlOutputBuffer* buffer) {
 }
 
 void tXmlDocument::saveToFileAtomically(const std::string& filename) {
-    const boost::filesystem::path target(filename);
-    std::string directory = target.parent_path().string();
-    // A bare name lives in the current directory, not in the default temporary one: the rename
-    // must not cross file systems.
-    if (directory.empty()) directory = ".";
-    const std::string temporary = RKU_getTempFileName(directory, target.filename().string());
-
-    saveToFile(temporary);
-
-    const FileOwner& owner = hmxadm();
-    if (chown(temporary.c_str(), owner.uid, owner.gid) != 0)
-        TAVIK_XML_RAISE(logger, CantTakeFileOwnership, temporary, std::strerror(errno));
-    replaceFile(temporary, filename);
+    saveToFileAtomically(filename, adminAccount());
 }
 
-void tXmlDocument::replaceFile(const std::string& replacement, const std::string& target) {
-    // On ext4, renaming a file over another first writes the new file's data out
-    // (auto_da_alloc): milliseconds for each of the thousands of status saves of a download.
-    // Swapping the two names and then removing the old version skips that, and a reader still
-    // finds one whole version or the other. Directories are never swapped into our name.
-    struct stat existing = {};
-    if (lstat(target.c_str(), &existing) == 0 && S_ISREG(existing.st_mode) &&
-        renameat2(AT_FDCWD, replacement.c_str(), AT_FDCWD, target.c_str(), RENAME_EXCHANGE) == 0) {
-        if (unlink(replacement.c_str()) != 0)
-            logger.error("Cannot remove the previous version " + replacement + ": " +
-                         std::strerror(errno));
-        return;
-    }
-    // No target yet, or a file system that cannot swap names.
-    if (rename(replacement.c_str(), target.c_str()) != 0)
-        TAVIK_XML_RAISE(logger, CantRenameFile, replacement, target, std::strerror(errno));
+void tXmlDocument::saveToFileAtomically(const std::string& filename, const FileOwner& owner) {
+    replaceFile(filename, owner, [this](const std::string& temporary) { saveToFile(temporary); });
 }
 
 tXmlRkuDocument::tXmlRkuDocument() : root_(nullptr) {}

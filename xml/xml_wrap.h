@@ -23,6 +23,8 @@ class Category;
 
 namespace tavik {
 
+struct FileOwner;
+
 // Releases a string that libxml2 allocated (null is fine).
 void rkuFreeXmlChar(xmlChar* s);
 
@@ -62,12 +64,13 @@ class tXmlDocument {
     int saveToStream(std::ostream& out);
     // Writes the document into `buffer`, which stays open and the caller's; returns 1.
     int saveToBuffer(xmlOutputBuffer* buffer);
-    // Replaces `filename` at once for any reader: writes a new file beside it through the
-    // virtual saveToFile, gives it to the account hmxadm and puts it in the target's place in
-    // one step. On a failed owner change or rename the new file is left beside the untouched
-    // target. Nothing is synced to disk: readers and a crash of the process see a whole file,
-    // a power failure may not.
+    // Replaces `filename` at once for any reader (replaceFile): a new file beside it, written
+    // through the virtual saveToFile, given to `owner` (by default the account hmxadm), put in
+    // the target's place in one step. On any failure the new file is removed and the target
+    // stays untouched. Nothing is synced to disk: readers and a crash of the process see a
+    // whole file, a power failure may not.
     void saveToFileAtomically(const std::string& filename);
+    void saveToFileAtomically(const std::string& filename, const FileOwner& owner);
 
     // The tree, still owned by this document.
     xmlDoc* getDoc() const { return doc_.get(); }
@@ -82,8 +85,6 @@ class tXmlDocument {
   private:
     // Writes the tree over the file's previous content; false on any failure.
     bool writeFile(const char* filename) const;
-    // Puts `replacement` in the place of `target` in one step; CantRenameFile on failure.
-    static void replaceFile(const std::string& replacement, const std::string& target);
 
     std::shared_ptr<xmlDoc> doc_;
 };

@@ -25,6 +25,7 @@ TEST(ActionPaths, NamesAndDirectoriesSplitAtTheLastSlash) {
 
 class RecordingStatus : public XmlMigrationStatus {
   public:
+    RecordingStatus() : XmlMigrationStatus(theSession->getStatusFileName(), adminAccount()) {}
     void setTransferSpeed(const std::string& value) override { speed = value; }
     void setTransferSizeLeft(const std::string& value) override { sizeLeft = value; }
     void setTransferCurrentFileSizeLeft(const std::string& value) override { fileLeft = value; }
