@@ -10,6 +10,7 @@
 #include <new>
 
 #include "commons/exceptions.h"
+#include "commons/unique_fd.h"
 #include "utils/files.h"
 #include "utils/read_configuration.h"
 
@@ -31,21 +32,6 @@ bool pathExists(const boost::filesystem::path& path) {
 }
 
 namespace {
-
-// Owns the descriptor that mkstemp returns; only the name is wanted.
-class ScopedDescriptor {
-  public:
-    explicit ScopedDescriptor(int fd) : fd_(fd) {}
-    ScopedDescriptor(const ScopedDescriptor&) = delete;
-    ScopedDescriptor& operator=(const ScopedDescriptor&) = delete;
-    ~ScopedDescriptor() {
-        if (fd_ >= 0) close(fd_);
-    }
-    bool valid() const { return fd_ >= 0; }
-
-  private:
-    int fd_;
-};
 
 const std::string kTemplateSuffix = "XXXXXX";
 
@@ -121,7 +107,8 @@ std::string RKU_getTempFileName(const std::string& directory, const std::string&
     std::vector<char> buffer;
     initTempName(buffer, directory, prefix);
     const std::string templateText(buffer.data());
-    ScopedDescriptor file(mkstemp(buffer.data()));
+    // Only the name is wanted: the descriptor closes at once.
+    const UniqueFd file(mkstemp(buffer.data()));
     if (!file.valid()) TAVIK_RAISE(CantCreateTempFile, templateText, strerror(errno));
     return buffer.data();
 }

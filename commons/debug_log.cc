@@ -1,7 +1,6 @@
 #include "commons/debug_log.h"
 
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <boost/algorithm/string/replace.hpp>
 #include <boost/format.hpp>
@@ -15,7 +14,7 @@
 
 #include "commons/masking_appender.h"
 #include "commons/msg_formatter.h"
-#include "ferrygate/session.h"
+#include "commons/unique_fd.h"
 #include "utils/files.h"
 
 namespace tavik {
@@ -41,34 +40,20 @@ namespace {
 
 const char kLogFileVariable[] = "${LOG_FILE_NAME}";
 
-// log4cpp reads its configuration only from a named file and substitutes variables only from
-// the environment. The substituted text goes into an anonymous memory file instead, which
-// vanishes with its descriptor: nothing is left on disk, whatever happens.
-class MemoryFile {
-  public:
-    MemoryFile() : fd_(memfd_create("log4cpp.properties", MFD_CLOEXEC)) {
-        if (fd_ < 0) {
-            throw log4cpp::ConfigureFailure(std::string("cannot create a memory file: ") +
-                                            strerror(errno));
-        }
-    }
-    ~MemoryFile() { ::close(fd_); }
-    MemoryFile(const MemoryFile&) = delete;
-    MemoryFile& operator=(const MemoryFile&) = delete;
-
-    // A name under which the file can be opened again, from the start.
-    std::string path() const { return "/proc/self/fd/" + std::to_string(fd_); }
-
-  private:
-    int fd_;
-};
-
 void configureWithLogFile(const std::string& configFile, const std::string& logFileName) {
     std::ifstream in(configFile);
     if (!in) throw log4cpp::ConfigureFailure("cannot read log configuration " + configFile);
-    MemoryFile substituted;
+    // log4cpp reads its configuration only from a named file and substitutes variables only
+    // from the environment. The substituted text goes into an anonymous memory file instead,
+    // which vanishes with its descriptor: nothing is left on disk, whatever happens.
+    const UniqueFd substituted(memfd_create("log4cpp.properties", MFD_CLOEXEC));
+    if (!substituted.valid()) {
+        throw log4cpp::ConfigureFailure(std::string("cannot create a memory file: ") +
+                                        strerror(errno));
+    }
+    const std::string path = "/proc/self/fd/" + std::to_string(substituted.get());
     {
-        std::ofstream out(substituted.path());
+        std::ofstream out(path);
         std::string line;
         while (std::getline(in, line)) {
             boost::algorithm::replace_all(line, kLogFileVariable, logFileName);
@@ -79,7 +64,7 @@ void configureWithLogFile(const std::string& configFile, const std::string& logF
         }
     }
     try {
-        log4cpp::PropertyConfigurator::configure(substituted.path());
+        log4cpp::PropertyConfigurator::configure(path);
     } catch (const log4cpp::ConfigureFailure& e) {
         throw log4cpp::ConfigureFailure(configFile + ": " + e.what());
     }
@@ -103,12 +88,9 @@ void configureLog4Cpp(const std::string& configFile, const std::string& logFileN
     }
 }
 
-void initializeLog4Cpp(bool debug) {
-    configureLog4Cpp(files::getRkuLogConfigFileName(), theSession->getLogFileName(), debug);
-}
-
-DebugLogLifetimeController::DebugLogLifetimeController(bool verbose, bool debug) {
-    initializeLog4Cpp(debug);
+DebugLogLifetimeController::DebugLogLifetimeController(bool verbose, bool debug,
+                                                       const std::string& logFile) {
+    configureLog4Cpp(files::getRkuLogConfigFileName(), logFile, debug);
     theDebugLog = new Log4cppDebugLog(verbose && !debug, debug);
 }
 

@@ -58,15 +58,12 @@ extern const char* const kDebugAppenderName;
 // the root category, on every call. A missing or broken file throws log4cpp::ConfigureFailure.
 void configureLog4Cpp(const std::string& configFile, const std::string& logFileName, bool debug);
 
-// configureLog4Cpp with the host's properties file and the current session's log file;
-// theSession must be set.
-void initializeLog4Cpp(bool debug);
-
-// Configures log4cpp and publishes a Log4cppDebugLog in theDebugLog for its own lifetime.
-// The driver passes (false, --verbose): --verbose means debug mode.
+// Configures log4cpp from the host's properties file, writing to `logFile`, and publishes a
+// Log4cppDebugLog in theDebugLog for its own lifetime. The driver passes (false, --verbose):
+// --verbose means debug mode.
 class DebugLogLifetimeController {
   public:
-    DebugLogLifetimeController(bool verbose, bool debug);
+    DebugLogLifetimeController(bool verbose, bool debug, const std::string& logFile);
     ~DebugLogLifetimeController();
     DebugLogLifetimeController(const DebugLogLifetimeController&) = delete;
     DebugLogLifetimeController& operator=(const DebugLogLifetimeController&) = delete;

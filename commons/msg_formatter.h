@@ -1,6 +1,5 @@
-// Turning an exception and its chain of causes into text: one plain line per exception for the
-// terminal and the debug log, or an element tree for the execution log that the controlling
-// process reads.
+// Turning an exception and its chain of causes into plain text, one line per exception, for the
+// terminal and the debug log. (The execution log's XML form is commons/xml_msg_formatter.h.)
 #ifndef FERRYGATE_COMMONS_MSG_FORMATTER_H
 #define FERRYGATE_COMMONS_MSG_FORMATTER_H
 
@@ -8,12 +7,7 @@
 
 #include "commons/exceptions.h"
 
-struct _xmlNode;
-typedef struct _xmlNode xmlNode;
-
 namespace tavik {
-
-class tXmlRkuDocument;
 
 // "code: message [file:line]" for `e`, then "\nInner exception:\n" and the line of each cause;
 // no line break at the end. The function signature is left out.
@@ -42,25 +36,6 @@ class TextMsgFormatter : public ExInfoVisitor {
     std::string file_;
     int line_ = 0;
     std::string message_;
-};
-
-// Writes a visited exception into `node` of `doc`: attributes "code" and "severity", children
-// "context", "file", "line" and "text", and each cause as a nested "message" element after the
-// "text" of its wrapper. Both are borrowed and must outlive the formatter.
-class XmlMsgFormatter : public ExInfoVisitor {
-  public:
-    XmlMsgFormatter(tXmlRkuDocument& doc, xmlNode* node);
-
-    void setCode(const std::string& code) override;
-    void setMessage(const std::string& message) override;
-    void setContext(const std::string& context) override;
-    void setFile(const std::string& file) override;
-    void setLine(int line) override;
-    void advanceToInnerException() override;
-
-  private:
-    tXmlRkuDocument& doc_;
-    xmlNode* current_;
 };
 
 }  // namespace tavik

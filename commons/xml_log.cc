@@ -1,22 +1,17 @@
 #include "commons/xml_log.h"
 
-#include <libxml/tree.h>
-
 #include <algorithm>
 #include <exception>
 
 #include "commons/debug_log.h"
 #include "commons/exceptions.h"
-#include "commons/msg_formatter.h"
-#include "ferrygate/session.h"
+#include "commons/xml_msg_formatter.h"
 
 namespace tavik {
 
 Log* theLog = nullptr;
 
 Log::~Log() noexcept(false) = default;
-
-XmlLog::XmlLog() : XmlLog(theSession->getResultFileName()) {}
 
 XmlLog::XmlLog(const std::string& resultFileName)
     : resultFileName_(resultFileName), uncaughtAtStart_(std::uncaught_exceptions()) {
@@ -58,15 +53,14 @@ void XmlLog::popObject() {
     const bool keep = hasContent_.back();
     elements_.pop_back();
     hasContent_.pop_back();
-    if (!keep) {
-        xmlUnlinkNode(object);
-        xmlFreeNode(object);
-    }
+    if (!keep) doc_.removeNode(object);
 }
 
 int XmlLog::getDepth() const { return static_cast<int>(hasContent_.size()); }
 
-LogLifetimeController::LogLifetimeController() { theLog = new XmlLog(); }
+LogLifetimeController::LogLifetimeController(const std::string& resultFileName) {
+    theLog = new XmlLog(resultFileName);
+}
 
 LogLifetimeController::~LogLifetimeController() noexcept(false) {
     // Null before the final save, which may throw.

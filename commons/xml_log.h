@@ -34,8 +34,6 @@ class Log {
 // the debug log).
 class XmlLog : public Log {
   public:
-    // Writes to the current session's result file; theSession must be set.
-    XmlLog();
     explicit XmlLog(const std::string& resultFileName);
     ~XmlLog() noexcept(false) override;
     XmlLog(const XmlLog&) = delete;
@@ -61,10 +59,10 @@ class XmlLog : public Log {
 // The execution log of the run, set for the length of a LogLifetimeController; null otherwise.
 extern Log* theLog;
 
-// Publishes a new XmlLog in theLog for its own lifetime; its end writes the result file.
+// Publishes a new XmlLog in theLog for its own lifetime; its end writes `resultFileName`.
 class LogLifetimeController {
   public:
-    LogLifetimeController();
+    explicit LogLifetimeController(const std::string& resultFileName);
     ~LogLifetimeController() noexcept(false);
     LogLifetimeController(const LogLifetimeController&) = delete;
     LogLifetimeController& operator=(const LogLifetimeController&) = delete;

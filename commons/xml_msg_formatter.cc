@@ -1,9 +1,4 @@
-// XmlMsgFormatter, declared in commons/msg_formatter.h beside the plain-text form; kept apart so
-// that the plain-text form (and the debug log that uses it) needs nothing of the XML layer.
-#include <string>
-
-#include "commons/msg_formatter.h"
-#include "xml/xml_wrap.h"
+#include "commons/xml_msg_formatter.h"
 
 namespace tavik {
 

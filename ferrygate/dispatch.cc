@@ -10,6 +10,7 @@
 #include "commons/xml_log.h"
 #include "ferrygate/actions.h"
 #include "ferrygate/dump_options.h"
+#include "ferrygate/session.h"
 
 namespace tavik {
 
@@ -90,7 +91,7 @@ Action* getActionByIdInternal(const config& cfg) {
 Action* getActionById(const config& cfg) { return getActionByIdInternal(cfg); }
 
 int do_actions(config& cfg) {
-    LogLifetimeController executionLog;
+    LogLifetimeController executionLog(theSession->getResultFileName());
     readListFromStdin(cfg);
     std::unique_ptr<Action> action;
     try {

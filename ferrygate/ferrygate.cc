@@ -37,7 +37,7 @@ int real_main(int argc, char** argv) {
     }
 
     SessionLifetimeController session(cfg.sessionPath);
-    DebugLogLifetimeController debugLog(false, cfg.verbose);
+    DebugLogLifetimeController debugLog(false, cfg.verbose, theSession->getLogFileName());
     StartStopLogger startStop("Ferrygate", argc, argv);
     try {
         verify_options(&cfg);

@@ -5,19 +5,16 @@
 #include <libxml/tree.h>
 #include <libxml/xmlIO.h>
 #include <libxml/xmlsave.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <ostream>
 
 #include "commons/commons.h"
 #include "commons/exceptions.h"
 #include "commons/replace_file.h"
-#include "utils/tavik_ugid.h"
+#include "commons/unique_fd.h"
 #include "xml/xml_internal.h"
 #include "xml/xml_parse.h"
 
@@ -28,19 +25,6 @@ using xml_detail::toXml;
 using xml_detail::XmlCharPtr;
 
 namespace {
-
-// Closed by its owner, or at the end of the scope when an error came first.
-struct FileDescriptor {
-    int fd;
-    ~FileDescriptor() {
-        if (fd >= 0) ::close(fd);
-    }
-    int close() {
-        const int result = ::close(fd);
-        fd = -1;
-        return result;
-    }
-};
 
 struct OutputBufferClose {
     void operator()(xmlOutputBuffer* buffer) const { xmlOutputBufferClose(buffer); }
@@ -112,8 +96,8 @@ void tXmlDocument::saveToFile(const char* filename) {
 // rename over another file does: costly at thousands of saves a second. So the file is opened
 // without O_TRUNC and cut to the new length after writing, which is the same in the end.
 bool tXmlDocument::writeFile(const char* filename) const {
-    FileDescriptor file{open(filename, O_WRONLY | O_CREAT | O_CLOEXEC, 0666)};
-    if (file.fd < 0) return false;
+    UniqueFd file(open(filename, O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+    if (!file.valid()) return false;
     const xmlChar* encoding = getDoc()->encoding;
     xmlCharEncodingHandler* encoder = nullptr;
     if (encoding != nullptr) {
@@ -121,10 +105,10 @@ bool tXmlDocument::writeFile(const char* filename) const {
         if (encoder == nullptr) return false;
     }
     // The buffer leaves the descriptor open; xmlSaveFormatFileTo releases the buffer.
-    const int written = xmlSaveFormatFileTo(xmlOutputBufferCreateFd(file.fd, encoder), getDoc(),
+    const int written = xmlSaveFormatFileTo(xmlOutputBufferCreateFd(file.get(), encoder), getDoc(),
                                             reinterpret_cast<const char*>(encoding), 0);
     // A pipe or terminal cannot be cut (EINVAL), and needs not be.
-    return written >= 0 && (ftruncate(file.fd, written) == 0 || errno == EINVAL) &&
+    return written >= 0 && (ftruncate(file.get(), written) == 0 || errno == EINVAL) &&
            file.close() == 0;
 }
 
@@ -286,6 +270,11 @@ void tXmlRkuDocument::addAttribute(xmlNode* node, const std::string& name,
     const std::string text = xmlCharactersOnly(value);
     if (xmlSetProp(node, toXml(name), toXml(text)) == nullptr)
         TAVIK_XML_RAISE(logger, tError_XmlInternal, "Can not set attribute " + name);
+}
+
+void tXmlRkuDocument::removeNode(xmlNode* node) {
+    xmlUnlinkNode(node);
+    xmlFreeNode(node);
 }
 
 bool tXmlRkuDocument::stringEq(const xmlChar* xmlString, const std::string& s) {

@@ -124,6 +124,8 @@ class tXmlRkuDocument : public tXmlDocument {
     xmlNode* newTextChild(xmlNode* parent, const std::string& name, const std::string& content);
     // Sets the attribute, replacing an existing value.
     void addAttribute(xmlNode* node, const std::string& name, const std::string& value);
+    // Unlinks `node` from the tree and frees it with everything below it.
+    void removeNode(xmlNode* node);
 
     static bool stringEq(const xmlChar* xmlString, const std::string& s);
 

@@ -318,7 +318,7 @@ TEST_F(Content, AStopRequestedDuringATransferEndsTheRunInOrder) {
     std::string out;
     {
         SessionLifetimeController session(session_);
-        DebugLogLifetimeController debugLog(false, false);
+        DebugLogLifetimeController debugLog(false, false, theSession->getLogFileName());
         std::thread stopper([&] {
             // Once a download has begun (or after a minute, should it never begin).
             const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
