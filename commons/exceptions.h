@@ -14,7 +14,7 @@
 #include <string>
 
 class Cloneable {
-public:
+  public:
     virtual ~Cloneable();
     // A new heap copy of the most derived object; the caller owns it.
     virtual Cloneable* clone() const = 0;
@@ -24,7 +24,7 @@ namespace tavik {
 
 // Receives one exception's parts, outermost first; advanceToInnerException() separates causes.
 class ExInfoVisitor {
-public:
+  public:
     virtual ~ExInfoVisitor();
     virtual void setCode(const std::string& code) = 0;
     virtual void setMessage(const std::string& message) = 0;
@@ -35,14 +35,14 @@ public:
 };
 
 class ExVisitable {
-public:
+  public:
     virtual ~ExVisitable();
     virtual void accept(ExInfoVisitor& visitor) const = 0;
 };
 
 // std::runtime_error::what() of this object is the code; ExTraceable::what() is the message.
 class ExTraceable : public Cloneable, public ExVisitable, public std::runtime_error {
-public:
+  public:
     ExTraceable(const std::string& code, const std::string& format);
     ~ExTraceable() override;
 
@@ -62,14 +62,14 @@ public:
         return *this;
     }
 
-private:
+  private:
     boost::format format_;
     mutable std::string formatted_;  // keeps what()'s text alive until the next call
 };
 
 // An ExTraceable that may own the exception that caused it.
 class ExTaggedIncludable : public ExTraceable {
-public:
+  public:
     ExTaggedIncludable(const std::string& code, const std::string& format);
     ExTaggedIncludable(const ExTaggedIncludable& other);
     ExTaggedIncludable& operator=(const ExTaggedIncludable& other);
@@ -83,16 +83,16 @@ public:
     // Stores a clone of `cause`.
     void setInner(const ExTraceable& cause);
 
-protected:
+  protected:
     void acceptInner(ExInfoVisitor& visitor) const;
 
-private:
+  private:
     std::unique_ptr<ExTraceable> inner_;
 };
 
 // Outside the hierarchy on purpose: a stop requested by the user is not a failure.
 class MigrationTerminatedException : public std::runtime_error {
-public:
+  public:
     MigrationTerminatedException();
 };
 
@@ -101,6 +101,8 @@ public:
 template <void (*Tag)()>
 struct ExcKind;
 
+// One row per kind, in columns; the layout is kept by hand.
+// clang-format off
 #define TAVIK_EXCEPTION_KINDS(X)                                                                 \
     X(OptParsingError, "OptParsingError", "Unable to parse command line: %1%")                   \
     X(UnknownAction, "UnknownAction",                                                            \
@@ -191,11 +193,12 @@ struct ExcKind;
       "The translation of XML document was terminated by XSLT stylesheet. Check for the error "  \
       "reason and try again.")                                                                   \
     X(UnableToCreateSession, "UnableToCreateSession", "Unable to create session: %1%")
+// clang-format on
 
-#define TAVIK_DECLARE_KIND(tag, code_, format_)        \
-    void tag();                                        \
-    template <>                                        \
-    struct ExcKind<&tag> {                             \
+#define TAVIK_DECLARE_KIND(tag, code_, format_)         \
+    void tag();                                         \
+    template <>                                         \
+    struct ExcKind<&tag> {                              \
         static const char* code() { return code_; }     \
         static const char* format() { return format_; } \
     };
@@ -205,7 +208,7 @@ TAVIK_EXCEPTION_KINDS(TAVIK_DECLARE_KIND)
 // One kind of failure, with the place it was raised.
 template <void (*Tag)()>
 class Exc : public ExTaggedIncludable {
-public:
+  public:
     Exc(const std::string& context, const std::string& file, int line)
         : ExTaggedIncludable(ExcKind<Tag>::code(), ExcKind<Tag>::format()),
           context_(context),
@@ -238,7 +241,7 @@ public:
         return *this;
     }
 
-private:
+  private:
     std::string context_;
     std::string file_;
     int line_;
@@ -279,8 +282,8 @@ Exc<Tag> makeWrappedExc(const ExTraceable& cause, const char* context, const cha
     ::tavik::makeExc<&::tavik::Kind>(__PRETTY_FUNCTION__, __FILE__, __LINE__, ##__VA_ARGS__)
 #define TAVIK_RAISE(Kind, ...) throw TAVIK_EXC(Kind, ##__VA_ARGS__)
 // The same, carrying `cause` (an ExTraceable) as the inner exception.
-#define TAVIK_RAISE_WRAP(Kind, cause, ...)                                                      \
-    throw ::tavik::makeWrappedExc<&::tavik::Kind>((cause), __PRETTY_FUNCTION__, __FILE__,       \
+#define TAVIK_RAISE_WRAP(Kind, cause, ...)                                                \
+    throw ::tavik::makeWrappedExc<&::tavik::Kind>((cause), __PRETTY_FUNCTION__, __FILE__, \
                                                   __LINE__, ##__VA_ARGS__)
 
 #endif  // FERRYGATE_COMMONS_EXCEPTIONS_H

@@ -179,7 +179,8 @@ void XmlMigrationStatus::build() {
     }
 }
 
-MigrationStatusPtr createMigrationStatusFile(const std::string& statusFile, const FileOwner& owner) {
+MigrationStatusPtr createMigrationStatusFile(const std::string& statusFile,
+                                             const FileOwner& owner) {
     return MigrationStatusPtr(new XmlMigrationStatus(statusFile, owner));
 }
 
