@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "commons/unique_fd.h"
+
 namespace tavik {
 namespace fuzz {
 
@@ -38,24 +40,18 @@ inline std::vector<std::string> splitLines(const std::string& text) {
     return lines;
 }
 
-// The fuzz input as an anonymous in-memory file that code wanting a path can open by name
-// (/proc/self/fd/N). Nothing touches the disk, and the file vanishes with the object.
+// The fuzz input as an anonymous in-memory file that code wanting a path can open by name.
+// Nothing touches the disk, and the file vanishes with the object.
 class MemFile {
   public:
     MemFile(const uint8_t* data, size_t size) : fd_(memfd_create("fuzz-input", 0)) {
         // A memory file takes any size in one write.
-        FUZZ_CHECK(fd_ >= 0 && write(fd_, data, size) == static_cast<ssize_t>(size));
-        path_ = "/proc/self/fd/" + std::to_string(fd_);
+        FUZZ_CHECK(fd_.valid() && write(fd_.get(), data, size) == static_cast<ssize_t>(size));
     }
-    ~MemFile() { close(fd_); }
-    MemFile(const MemFile&) = delete;
-    MemFile& operator=(const MemFile&) = delete;
-
-    const std::string& path() const { return path_; }
+    std::string path() const { return "/proc/self/fd/" + std::to_string(fd_.get()); }
 
   private:
-    int fd_;
-    std::string path_;
+    UniqueFd fd_;
 };
 
 }  // namespace fuzz

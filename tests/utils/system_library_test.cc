@@ -4,6 +4,7 @@
 #include <string>
 
 #include "utils/product_log.h"
+#include "utils/tavik_ugid.h"
 
 namespace {
 
@@ -18,9 +19,9 @@ std::string written(F f) {
     return err;
 }
 
-// The product's failures on standard error and output: the system error follows the text,
-// and a long text is never cut.
-TEST(MessageLog, SystemErrorAndNoLengthLimit) {
+// The system error follows the text, and a long text is never cut. Without hmxadm every file
+// the product hands over goes to root: the lookups answer 0 and say why.
+TEST(MessageLog, SystemErrorNoLengthLimitAndMissingAccounts) {
     EXPECT_EQ("open x\nSystem error 2: No such file or directory\n", written([] {
                   errno = ENOENT;
                   messlog2(0, 0, "open %s", "x");
@@ -30,6 +31,13 @@ TEST(MessageLog, SystemErrorAndNoLengthLimit) {
                   errno = 0;
                   messlog2(0, 0, "%s", text.c_str());
               }));
+    EXPECT_EQ(
+        "Unable to find uid for user no-such-account: not found\n"
+        "Unable to getpwnam for user no-such-account\n",
+        written([] {
+            EXPECT_EQ(0u, get_user_id("no-such-account"));
+            EXPECT_EQ(0u, tavik_ugid("no-such-account", 1));
+        }));
 }
 
 }  // namespace

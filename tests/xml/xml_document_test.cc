@@ -1,11 +1,9 @@
 #include <gtest/gtest.h>
-#include <libxml/globals.h>
 
 #include <string>
 
 #include "support/raised.h"
 #include "support/sandbox_env.h"
-#include "xml/xml_parse.h"
 #include "xml/xml_wrap.h"
 
 namespace tavik {
@@ -13,15 +11,7 @@ namespace {
 
 using testing::messageOf;
 
-TEST(XmlErrorCollector, EachMessageLosesItsLastCharacter) {
-    tXmlErrorCollector errors;
-    xmlGenericError(xmlGenericErrorContext, "abc\n");
-    xmlGenericError(xmlGenericErrorContext, "line %d: %s.\n", 7, "bad");
-    xmlGenericError(xmlGenericErrorContext, "x");
-    EXPECT_EQ("abcline 7: bad.", errors.text());
-}
-
-TEST(XmlDocumentReading, FailuresNameTheSourceAndCarryTheParserMessages) {
+TEST(XmlDocument, FailuresNameTheSourceAndWhatWasExpected) {
     testing::ScratchDir dir;
     EXPECT_EQ(
         "The XML file does not exist or is not a regular file. Check the file '" + dir.path() + "'",
@@ -39,9 +29,7 @@ TEST(XmlDocumentReading, FailuresNameTheSourceAndCarryTheParserMessages) {
     EXPECT_EQ(0u, messageOf<&tError_ParseFile>([] {
                       tXmlDocument(std::string("no"));
                   }).find("The XML file - was not parsed successfully"));
-}
 
-TEST(XmlRkuDocument, RootAndContentChecksNameWhatTheyExpected) {
     tXmlRkuDocument doc(std::string("<found><a x=\"1\"/></found>"));
     EXPECT_EQ("The document has the wrong type, root node is <found>, but <Found> was expected",
               messageOf<&tError_WrongDoc>([&] { doc.initFileDoc("Found"); }));
