@@ -33,10 +33,9 @@ while IFS=: read -r file line text; do
     own=$(layer_of "$file")
     if [[ $text =~ \#[[:space:]]*include[[:space:]]*\"([^\"]*)\" ]]; then
         target=$(layer_of "${BASH_REMATCH[1]}")
-        # Headers of the tests or of the system are not layers of the product.
-        [ -z "$target" ] && [[ ${BASH_REMATCH[1]} == */* ]] && continue
         if [ -z "$target" ]; then
-            echo "$file:$line: include ${BASH_REMATCH[1]} by its path from the source root"
+            echo "$file:$line: ${BASH_REMATCH[1]} is in no layer; include by the path from the" \
+                "source root (dir/file.h)"
             status=1
         elif [[ " $(allowed_for "$own") " != *" $target "* ]]; then
             echo "$file:$line: $own may not include ${BASH_REMATCH[1]} ($target);" \
@@ -45,7 +44,8 @@ while IFS=: read -r file line text; do
         fi
     elif [[ $file == *.h && $file != xml/xml_internal.h && ($own == commons || $own == commons_xml ||
         $own == xml) ]]; then
-        echo "$file:$line: a header of $own may not include ${text#*include}" \
+        library=${text#*<}
+        echo "$file:$line: a header of $own may not include <${library%%>*}>" \
             "(forward-declare the library's types; include it in the source)"
         status=1
     fi
