@@ -14,7 +14,7 @@ namespace tavik {
 // session's scout result. Throws UnableToOpenScoutFile (before connecting), FailedToExecuteScout.
 class SendScoutAction : public Action {
   public:
-    SendScoutAction() : Action(true) {}
+    explicit SendScoutAction(Env& env) : Action(true, env) {}
     void execute() override;
 };
 
@@ -23,8 +23,8 @@ class SendScoutAction : public Action {
 // Throws CantRetrieveDump, CantRetrieveDumpFile, FileWrite.
 class RetrieveDumpAction : public Action {
   public:
-    RetrieveDumpAction(const std::vector<std::string>& args, const std::string& input)
-        : Action(true), args(args), input(input) {}
+    RetrieveDumpAction(Env& env, const std::vector<std::string>& args, const std::string& input)
+        : Action(true, env), args(args), input(input) {}
     void execute() override;
 
   private:
@@ -36,7 +36,7 @@ class RetrieveDumpAction : public Action {
 // DumpStatusError.
 class GetDumpingStatusAction : public Action {
   public:
-    GetDumpingStatusAction() : Action(true) {}
+    explicit GetDumpingStatusAction(Env& env) : Action(true, env) {}
     void execute() override;
 };
 
@@ -44,7 +44,7 @@ class GetDumpingStatusAction : public Action {
 // connects, never fails.
 class RemoveDumpingStatusAction : public Action {
   public:
-    RemoveDumpingStatusAction() : Action(true) {}
+    explicit RemoveDumpingStatusAction(Env& env) : Action(true, env) {}
     void execute() override;
 };
 
@@ -54,14 +54,14 @@ class RemoveDumpingStatusAction : public Action {
 // WrongMd5Sum (a download of the wrong size: the remote file is then kept), FileWrite.
 class RetrieveContentAction : public Action {
   public:
-    RetrieveContentAction() : Action(true) {}
+    explicit RetrieveContentAction(Env& env) : Action(true, env) {}
     void execute() override;
 };
 
 // --remove-agent: removes the agent directory on the source host; best effort, never fails.
 class RemoveAgentAction : public Action {
   public:
-    RemoveAgentAction() : Action(false) {}
+    explicit RemoveAgentAction(Env& env) : Action(false, env) {}
     void execute() override;
 };
 

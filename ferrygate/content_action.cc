@@ -1,63 +1,33 @@
-#include <sys/stat.h>
-
-#include <boost/filesystem/operations.hpp>
 #include <boost/lexical_cast.hpp>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <log4cpp/Category.hh>
 #include <sstream>
 
-#include "commons/checksum.h"
-#include "commons/commons.h"
 #include "commons/exceptions.h"
-#include "commons/replace_file.h"
 #include "ferrygate/actions.h"
 #include "ferrygate/agent_spec.h"
 #include "ferrygate/session.h"
-#include "ssh/shell_quote.h"
-#include "utils/tavik_ugid.h"
 #include "xml/agent_file_list.h"
 
 namespace tavik {
-
-namespace fs = boost::filesystem;
 
 namespace {
 
 const unsigned kContentDirMode = 0755;
 
-bool hasMd5(const std::string& file, const std::string& md5) {
-    std::ifstream in(file.c_str(), std::ios::binary);
-    return in && countMd5Sum(in) == md5;
-}
-
-// The file system of `path`, or of its nearest existing ancestor when the directory is still to
-// be made.
-std::string existingAncestor(const std::string& path) {
-    fs::path dir = fs::absolute(path);
-    while (!dir.empty() && !pathExists(dir)) dir = dir.parent_path();
-    return dir.empty() ? "/" : dir.string();
-}
-
-int64_t fileSize(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? static_cast<int64_t>(st.st_size) : -1;
-}
-
 }  // namespace
 
 void RetrieveContentAction::execute() {
-    const unsigned uid = tavik_ugid("hmxadm", 0);
-    const unsigned gid = tavik_ugid("hmxadm", 1);
-    make_content_dir(theSession->getCidFilesDir(), kContentDirMode, uid, gid);
+    env().makeDir(env().session().getCidFilesDir(), kContentDirMode);
 
     status->setAgentParams(cfg().host);
     status->setTransferDump();
     status->saveFile();
 
-    const boost::shared_ptr<Agent> agent = theAgentsFactory().getAgent(cfg().agentName);
-    const std::string command = sh_quote(agent->getEffectiveInterpreter()) + " " +
-                                sh_quote(remoteAgentPath(agent->getEntryPoint())) + " " +
-                                sh_quote("--get-content-list");
+    const std::string command =
+        agentCommand(*env().agent(cfg().agentName), {"--get-content-list"});
     std::ostringstream out;
     std::ostringstream err;
     const int rc = execRoot(command, out, err, false);
@@ -87,9 +57,9 @@ void RetrieveContentAction::execute() {
     status->saveFile();
 
     const std::string target =
-        cfg().dumpsDir.empty() ? theSession->getCidFilesDir() : cfg().dumpsDir;
+        cfg().dumpsDir.empty() ? env().session().getCidFilesDir() : cfg().dumpsDir;
     if (!cfg().noCheckSpace) {
-        const uint64_t freeSpace = getFreeSpace(existingAncestor(target));
+        const uint64_t freeSpace = env().freeSpace(target);
         if (freeSpace < total) TAVIK_RAISE(NotEnoughSpace, freeSpace, total);
     }
 
@@ -99,18 +69,21 @@ void RetrieveContentAction::execute() {
         const std::string local = target + "/" + getFileNameFromPath(file.name);
         status->setCurrentFile(getFileNameFromPath(file.name), std::to_string(file.size));
         status->saveFile();
-        make_content_dir(getPath(local), kContentDirMode, uid, gid);
+        env().makeDir(getPath(local), kContentDirMode);
         updater.startFile(file.size);
-        if (fileSize(local) == file.size && hasMd5(local, file.md5)) {
+        if (env().fileSize(local) == file.size && env().md5(local) == file.md5) {
             // Fetched by an earlier, interrupted run.
             updater.skip(file.size);
         } else {
-            getSsh()->get(local, file.name, updater);
+            std::unique_ptr<std::ofstream> copy = env().openForWrite(local, false);
+            if (!copy) TAVIK_RAISE(FileWrite, local, std::strerror(errno));
+            env().get(*copy, file.name, updater);
+            copy->close();
+            if (!*copy) TAVIK_RAISE(FileWrite, local, std::strerror(errno));
             // An unreadable remote file downloads as an empty one without an error; the source
             // copy is deleted only when the local one is whole.
-            if (fileSize(local) != file.size) {
-                std::ifstream copy(local.c_str(), std::ios::binary);
-                TAVIK_RAISE(WrongMd5Sum, local, countMd5Sum(copy), file.md5);
+            if (env().fileSize(local) != file.size) {
+                TAVIK_RAISE(WrongMd5Sum, local, env().md5(local), file.md5);
             }
             DiscardStream discard;
             std::ostringstream rmErr;
@@ -123,7 +96,7 @@ void RetrieveContentAction::execute() {
         status->saveFile();
     }
 
-    replaceFileText(cfg().sessionPath + "/dump-name", adminAccount(), target + "/dump.xml");
+    env().replaceFileText(cfg().sessionPath + "/dump-name", target + "/dump.xml");
 }
 
 }  // namespace tavik
