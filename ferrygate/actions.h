@@ -7,6 +7,7 @@
 
 #include "ferrygate/action.h"
 #include "ferrygate/send_agent.h"
+#include "xml/agent_file_list.h"
 
 namespace tavik {
 
@@ -56,6 +57,21 @@ class RetrieveContentAction : public Action {
   public:
     explicit RetrieveContentAction(Env& env) : Action(true, env) {}
     void execute() override;
+
+  private:
+    // The agent's list, refused whole (CantRetrieveContentList) when an entry has no usable
+    // name of its own.
+    std::vector<DumpFile> contentList();
+    static std::string localPath(const std::string& target, const DumpFile& file);
+    // Makes `local` a verified copy of `file`: continues a partial copy, and fetches the whole
+    // file once more when the sum does not match. False when a finished copy was already there.
+    // Throws WrongMd5Sum after the second mismatch, keeping the bad copy aside.
+    bool fetchVerified(const DumpFile& file, const std::string& local,
+                       FileRetrievalProgressUpdater& updater);
+    // Appends the remote file from byte `offset` on to `local`, feeding `digest`; returns the
+    // digest's sum. Throws FileWrite, StreamRead and the transport's failures.
+    std::string fetch(const DumpFile& file, const std::string& local, int64_t offset,
+                      class Md5& digest, FileRetrievalProgressUpdater& updater);
 };
 
 // --remove-agent: removes the agent directory on the source host; best effort, never fails.

@@ -11,6 +11,7 @@
 #include "support/fake_env.h"
 #include "ssh/shell_quote.h"
 #include "support/process.h"
+#include "support/xml_render.h"
 
 namespace tavik {
 namespace {
@@ -74,7 +75,7 @@ struct ActionRun {
             action->execute();
             action->closeStatus();
         } catch (const ExTraceable& e) {
-            code = static_cast<const std::runtime_error&>(e).what();
+            code = e.code();
             exitCode = exitCodeOf(e);
         }
         std::cout.rdbuf(saved);
@@ -152,6 +153,185 @@ TEST(Actions, SendExactlyTheseCommandsWithAndWithoutSudo) {
             EXPECT_EQ(row.expected, run.sent()) << "action " << row.action << " sudo " << withSudo;
         }
     }
+}
+
+// What the controlling process sees, save by save, while each action runs.
+TEST(Actions, ReportProgressInThisOrder) {
+    const std::string host = "host:source.example";
+    const std::string idle = "migration-status(idle)";
+    const std::string agent = "migration-status(agent[action=deploy](" + host + "))";
+    const std::string wait = "migration-status(agent[action=wait](" + host + "))";
+    // "left,size-left]" of two files and seven bytes, or a whole inner element.
+    auto transfer = [&](const std::string& speed, std::string files) {
+        const size_t comma = files.find(',');
+        if (comma != std::string::npos) {
+            files = "files[total=2,left=" + files.substr(0, comma) + ",size-total=7,size-left=" +
+                    files.substr(comma + 1);
+        }
+        return "migration-status(transfer" + speed + "(" + host + "," + files + "))";
+    };
+    const struct {
+        int action;
+        std::vector<std::string> saves;
+    } rows[] = {
+        {ACTION_SEND_SCOUT, {idle, agent, wait, idle}},
+        {ACTION_DEPLOY_AGENT, {idle, agent, wait, idle}},
+        {ACTION_GET_DUMPING_STATUS, {idle, wait, idle}},
+        {ACTION_DUMP_ALL, {idle, wait, idle}},
+        {ACTION_GET_CONTENT,
+         {idle, transfer("", "dumpfile"), transfer("", "2,7]"),
+          transfer("", "2,7](current-file[size=4,size-left=4]:a.tar)"),
+          transfer("[speed=0]", "2,3](current-file[size=4,size-left=0]:a.tar)"),
+          transfer("[speed=0]", "1,3](current-file[size=4,size-left=0]:a.tar)"),
+          transfer("[speed=0]", "1,3](current-file[size=3,size-left=3]:b.tar)"),
+          transfer("[speed=0]", "1,0](current-file[size=3,size-left=0]:b.tar)"),
+          transfer("[speed=0]", "0,0](current-file[size=3,size-left=0]:b.tar)"), idle}},
+        {ACTION_REMOVE_AGENT, {}},
+        {ACTION_REMOVE_DUMPING_STATUS, {idle, idle}},
+    };
+    for (const auto& row : rows) {
+        ActionRun run(row.action);
+        run.env->remoteFiles[kDir + "/dump.xml"] = "<dump/>";
+        run.env->remoteFiles["/a/a.tar"] = "data";
+        run.env->remoteFiles["/b/b.tar"] = "abc";
+        run.env->answer("--get-content-list",
+                        {0,
+                         "<contentlist>"
+                         "<file size='4' md5sum='8d777f385d3dfec8815d20f7496026dc'>/a/a.tar</file>"
+                         "<file size='3' md5sum='900150983cd24fb0d6963f7d28e17f72'>/b/b.tar</file>"
+                         "</contentlist>",
+                         "",
+                         {}});
+        ASSERT_EQ("", run()) << row.action;
+        // The last save is the document's own as it closes.
+        if (!run.env->statusSaves.empty()) {
+            run.env->statusSaves.push_back(
+                testing::renderFile(run.env->session().getStatusFileName()));
+        }
+        EXPECT_EQ(row.saves, run.env->statusSaves) << "action " << row.action;
+    }
+}
+
+// Which failure each fault of the source host, or of this one, ends an action with.
+TEST(Actions, FailWithTheirOwnKindAndExitCode) {
+    const std::function<void()> lost = [] { TAVIK_RAISE(SshConnectionFault); };
+    const std::string list =
+        "<contentlist><file size='5' md5sum='8d777f385d3dfec8815d20f7496026dc'>/a/a.tar</file>"
+        "</contentlist>";
+    const struct {
+        int action;
+        bool sudo;
+        const char* match;
+        FakeEnv::Reply reply;
+        const char* code;
+        int exitCode;
+    } rows[] = {
+        {ACTION_SEND_SCOUT, false, "perl", {3, "", "no perl", {}}, "FailedToExecuteScout", 2},
+        {ACTION_SEND_SCOUT, true, "sudo -V", {127, "", "", {}}, "SudoNotFound", 2},
+        {ACTION_SEND_SCOUT, true, "true", {1, "", "", {}}, "SudoNotAllowed", 2},
+        {ACTION_SEND_SCOUT, true, "sudo -V", {0, "", "", lost}, "SshConnectionFault", 18},
+        {ACTION_DEPLOY_AGENT, false, "mkdir", {1, "", "", {}}, "CantCreateAgentDirectory", 2},
+        {ACTION_DEPLOY_AGENT, false, "--get-status", {2, "", "", {}}, "CantRequestAgentStatus", 2},
+        {ACTION_GET_DUMPING_STATUS, false, "cat", {0, "", "", lost}, "DumpStatusError", 2},
+        {ACTION_DUMP_ALL, false, "--dump-all", {1, "", "", {}}, "CantRetrieveDumpFile", 2},
+        {ACTION_DUMP_ALL, false, "dump.xml", {1, "", "gone", {}}, "CantRetrieveDumpFile", 2},
+        {ACTION_DUMP_ALL, true, "chown", {1, "", "", {}}, "CantTakeFileOwnership", 2},
+        {ACTION_GET_CONTENT, false, "--get-content-list", {1, "", "", {}},
+         "CantRetrieveContentList", 2},
+        {ACTION_GET_CONTENT, false, "--get-content-list", {0, "<contentlist><file/>", "", {}},
+         "CantRetrieveContentList", 2},
+        {ACTION_GET_CONTENT, false, "a.tar", {0, "", "", lost}, "SshConnectionFault", 18},
+        {ACTION_GET_CONTENT, false, "cat /a/a.tar", {0, "short", "", {}}, "WrongMd5Sum", 2},
+        {ACTION_REMOVE_AGENT, true, "rm -rf", {0, "", "", lost}, "", 0},
+    };
+    for (const auto& row : rows) {
+        ActionRun run(row.action, row.sudo);
+        run.env->remoteFiles[kDir + "/dump.xml"] = "<dump/>";
+        run.env->remoteFiles["/a/a.tar"] = "data!";
+        run.env->answer(row.match, row.reply);
+        if (row.action == ACTION_GET_CONTENT) run.env->answer("--get-content-list", {0, list, "", {}});
+        EXPECT_EQ(row.code, run()) << row.action << " " << row.match;
+        EXPECT_EQ(row.exitCode, run.exitCode) << row.action << " " << row.match;
+        for (const std::string& line : run.env->commands()) {
+            EXPECT_EQ(std::string::npos, line.find("rm /a/a.tar")) << "a source was deleted";
+        }
+    }
+    // Nothing is fetched when the space is short, nor without an agent to ask.
+    ActionRun content(ACTION_GET_CONTENT);
+    content.env->answer("--get-content-list", {0, list, "", {}});
+    content.env->free = 4;
+    EXPECT_EQ("NotEnoughSpace", content());
+    ActionRun dump(ACTION_DUMP_ALL);
+    dump.env->cfg.agentName = "missing";
+    EXPECT_EQ("CantRetrieveDump", dump());
+    EXPECT_TRUE(dump.env->commands().empty());
+}
+
+// A source is deleted only once its copy matches the listed sum; a copy an earlier run left is
+// finished or continued, never trusted blindly.
+TEST(Actions, ContentIsVerifiedResumedAndOnlyThenDeleted) {
+    const std::string sumOfData = "8d777f385d3dfec8815d20f7496026dc";
+    const struct {
+        const char* name;
+        const char* here;  // the local copy before the run, "-" for none
+        int64_t listedSize;
+        const char* code;
+        std::vector<std::string> fetches;
+        const char* after;  // the local copy after the run
+        bool deleted;
+    } rows[] = {
+        {"fresh", "-", 4, "", {"cat /a/x.tar"}, "data", true},
+        {"finished earlier", "data", 4, "", {}, "data", false},
+        {"partial", "da", 4, "", {"tail -c +3 /a/x.tar"}, "data", true},
+        {"stale partial", "xa", 4, "", {"tail -c +3 /a/x.tar", "cat /a/x.tar"}, "data", true},
+        {"longer than listed", "datax", 4, "", {"cat /a/x.tar"}, "data", true},
+        {"listed size wrong, sum right", "-", 9, "", {"cat /a/x.tar"}, "data", true},
+        {"changed on the source", "-", 4, "WrongMd5Sum", {"cat /a/x.tar", "cat /a/x.tar"}, "-",
+         false},
+    };
+    for (const auto& row : rows) {
+        ActionRun run(ACTION_GET_CONTENT);
+        const std::string local = run.env->session().getCidFilesDir() + "/x.tar";
+        if (std::string(row.here) != "-") testing::writeTextFile(local, row.here);
+        const bool changed = std::string(row.code) == "WrongMd5Sum";
+        run.env->remoteFiles["/a/x.tar"] = changed ? "dada" : "data";
+        run.env->answer("--get-content-list",
+                        {0,
+                         "<contentlist><file size='" + std::to_string(row.listedSize) +
+                             "' md5sum='" + sumOfData + "'>/a/x.tar</file></contentlist>",
+                         "",
+                         {}});
+        EXPECT_EQ(row.code, run()) << row.name;
+        std::vector<std::string> fetches;
+        bool deleted = false;
+        for (const std::string& line : run.env->commands()) {
+            if (line.find("x.tar") != std::string::npos && line.find("sh -c") == 0) {
+                deleted = true;
+            } else if (line.find("x.tar") != std::string::npos) {
+                fetches.push_back(line);
+            }
+        }
+        EXPECT_EQ(row.fetches, fetches) << row.name;
+        EXPECT_EQ(row.deleted, deleted) << row.name;
+        const std::string after = testing::readFile(local);
+        EXPECT_EQ(row.after, after.empty() ? "-" : after) << row.name;
+        if (changed) {
+            EXPECT_EQ("dada", testing::readFile(local + ".rejected"));
+        }
+    }
+}
+
+// Two sources that would share one local copy are refused before anything moves.
+TEST(Actions, ContentListsWithTwoEntriesForOneCopyAreRefused) {
+    ActionRun run(ACTION_GET_CONTENT);
+    run.env->answer("--get-content-list",
+                    {0,
+                     "<contentlist><file size='1' md5sum='x'>/a/site.tar</file>"
+                     "<file size='1' md5sum='y'>/b/site.tar</file></contentlist>",
+                     "",
+                     {}});
+    EXPECT_EQ("CantRetrieveContentList", run());
+    EXPECT_EQ(1u, run.env->commands().size());
 }
 
 // Each tree is walked onto the agent directory: directories made and given to the login, files
