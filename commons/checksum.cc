@@ -73,18 +73,6 @@ std::string Md5::hex() const {
     return text;
 }
 
-std::streamsize HashingStreambuf::xsputn(const char* data, std::streamsize size) {
-    const std::streamsize written = out_->sputn(data, size);
-    if (written > 0) digest_.update(data, static_cast<size_t>(written));
-    return written;
-}
-
-int HashingStreambuf::overflow(int c) {
-    if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
-    const char byte = traits_type::to_char_type(c);
-    return xsputn(&byte, 1) == 1 ? c : traits_type::eof();
-}
-
 std::atomic<bool> isProgramTerminated(false);
 
 void terminateProgram() { isProgramTerminated = true; }

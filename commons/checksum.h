@@ -36,22 +36,6 @@ class Md5 {
     ::evp_md_ctx_st* context_;
 };
 
-// Writes through to `out` and adds every byte written to `digest`: the checksum of a download is
-// made in the same pass that stores it. Neither is owned.
-class HashingStreambuf : public std::streambuf {
-  public:
-    HashingStreambuf(std::streambuf* out, Md5& digest) : out_(out), digest_(digest) {}
-
-  protected:
-    std::streamsize xsputn(const char* data, std::streamsize size) override;
-    int overflow(int c) override;
-    int sync() override { return out_->pubsync(); }
-
-  private:
-    std::streambuf* out_;
-    Md5& digest_;
-};
-
 // Set once a stop of the migration is requested; nothing clears it. Lock-free, so a signal
 // handler may set it.
 extern std::atomic<bool> isProgramTerminated;

@@ -4,6 +4,7 @@
 #ifndef FERRYGATE_FERRYGATE_ACTION_H
 #define FERRYGATE_FERRYGATE_ACTION_H
 
+#include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <initializer_list>
@@ -92,7 +93,7 @@ class Action : public Alarm {
 };
 
 // Keeps the transfer fields of the migration status current while files download, saving the
-// status after every block.
+// status at most five times a second.
 class FileRetrievalProgressUpdater : public Ssh::Counter {
   public:
     // `status` is not owned. Speed is counted from now.
@@ -109,6 +110,7 @@ class FileRetrievalProgressUpdater : public Ssh::Counter {
     int64_t transferred;
     int64_t sizeLeft;
     int64_t currentFileLeft;
+    std::chrono::steady_clock::time_point lastSave;
 };
 
 // The words, each through sh_quote, joined by single blanks: one remote command line.

@@ -59,6 +59,19 @@ class RetrieveContentAction : public Action {
     void execute() override;
 
   private:
+    struct Progress {
+        FileRetrievalProgressUpdater& updater;
+        size_t left;
+    };
+    void startFile(Progress& progress, const DumpFile& file);
+    void endFile(Progress& progress);
+    // Fetches files[begin, end) in one command, then whatever failed its sum alone. Verified
+    // sources are added to `verified`.
+    void fetchBatch(const std::vector<DumpFile>& files, size_t begin, size_t end,
+                    const std::string& target, Progress& progress,
+                    std::vector<std::string>& verified);
+    // Deletes the sources of verified copies on the remote host, then forgets them.
+    void removeSources(std::vector<std::string>& sources);
     // The agent's list, refused whole (CantRetrieveContentList) when an entry has no usable
     // name of its own.
     std::vector<DumpFile> contentList();

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fstream>
 #include <log4cpp/Category.hh>
+#include <functional>
 #include <map>
 #include <sstream>
 
@@ -13,6 +14,7 @@
 #include "commons/exceptions.h"
 #include "ferrygate/actions.h"
 #include "ferrygate/agent_spec.h"
+#include "ferrygate/digesting_writer.h"
 #include "ferrygate/session.h"
 #include "ssh/shell_quote.h"
 #include "xml/agent_file_list.h"
@@ -28,6 +30,11 @@ log4cpp::Category& contentLog() { return log4cpp::Category::getInstance("p.Actio
 // A copy that failed its checksum twice keeps this suffix: a later run starts that file afresh
 // instead of taking the copy for a finished or a partial one.
 const char kRejectedSuffix[] = ".rejected";
+
+// Files that travel together in one command: small ones, so that a failed part costs little.
+const size_t kBatchFiles = 256;
+const uint64_t kBatchBytes = 32 << 20;
+const int64_t kBatchFileSize = 1 << 20;
 
 }  // namespace
 
@@ -58,25 +65,45 @@ void RetrieveContentAction::execute() {
     }
 
     FileRetrievalProgressUpdater updater(status.get(), static_cast<int64_t>(total));
-    std::size_t left = files.size();
-    for (const DumpFile& file : files) {
-        const std::string local = localPath(target, file);
-        status->setCurrentFile(getFileNameFromPath(file.name), std::to_string(file.size));
-        status->saveFile();
-        env().makeDir(getPath(local), kContentDirMode);
-        updater.startFile(file.size);
-        if (fetchVerified(file, local, updater)) {
-            // Only a copy proven whole lets its source go.
-            DiscardStream discard;
-            std::ostringstream rmErr;
-            if (execRoot(shellWords({"rm", file.name}), discard, rmErr, false) != 0) {
-                contentLog().warnStream() << "Cannot remove " << file.name
-                                      << " on the remote host: " << rmErr.str();
+    Progress progress{updater, files.size()};
+    std::vector<std::string> verified;
+    try {
+        for (size_t next = 0; next < files.size();) {
+            // Small files that no earlier run touched travel together in one command; anything
+            // else, alone.
+            size_t end = next;
+            uint64_t bytes = 0;
+            while (end < files.size() && end - next < kBatchFiles && bytes < kBatchBytes &&
+                   files[end].size <= kBatchFileSize &&
+                   env().fileSize(localPath(target, files[end])) < 0) {
+                bytes += static_cast<uint64_t>(files[end].size);
+                ++end;
             }
+            if (end - next < 2) {
+                const DumpFile& file = files[next++];
+                const std::string local = localPath(target, file);
+                startFile(progress, file);
+                env().makeDir(getPath(local), kContentDirMode);
+                if (fetchVerified(file, local, updater)) verified.push_back(file.name);
+                endFile(progress);
+            } else {
+                fetchBatch(files, next, end, target, progress, verified);
+                next = end;
+            }
+            if (verified.size() >= kBatchFiles) removeSources(verified);
         }
-        status->setTransferFilesLeft(std::to_string(--left));
-        status->saveFile();
+    } catch (const Exc<&SshConnectionFault>&) {
+        throw;
+    } catch (...) {
+        // What is verified may go even though the run fails; best effort, the failure matters.
+        try {
+            removeSources(verified);
+        } catch (const std::exception& e) {
+            contentLog().warnStream() << "Sources of verified copies kept: " << e.what();
+        }
+        throw;
     }
+    removeSources(verified);
 
     env().replaceFileText(cfg().sessionPath + "/dump-name", target + "/dump.xml");
 }
@@ -160,8 +187,8 @@ std::string RetrieveContentAction::fetch(const DumpFile& file, const std::string
                                          FileRetrievalProgressUpdater& updater) {
     std::unique_ptr<std::ofstream> copy = env().openForWrite(local, offset > 0);
     if (!copy) TAVIK_RAISE(FileWrite, local, std::strerror(errno));
-    HashingStreambuf hashing(copy->rdbuf(), digest);
-    std::ostream out(&hashing);
+    DigestingWriter writer(*copy, digest);
+    std::ostream out(&writer);
     const std::string command = offset > 0 ? "tail -c +" + std::to_string(offset + 1) + " " +
                                                  sh_quote(file.name)
                                            : "cat " + sh_quote(file.name);
@@ -169,14 +196,164 @@ std::string RetrieveContentAction::fetch(const DumpFile& file, const std::string
     std::ostringstream err;
     const int rc = env().exec(command, none, out, err, true, true, updater);
     // Data the disk refused, at the last flush included, are no copy at all.
+    const bool stored = writer.finish();
     copy->close();
-    if (!*copy || !out) TAVIK_RAISE(FileWrite, local, std::strerror(errno));
+    if (!stored || !*copy || !out) TAVIK_RAISE(FileWrite, local, std::strerror(errno));
     if (rc != 0) {
         contentLog().errorStream() << "Cannot read " << file.name << " on the remote host (status "
                                << rc << "): " << err.str();
         TAVIK_RAISE(StreamRead);
     }
     return digest.hex();
+}
+
+void RetrieveContentAction::startFile(Progress& progress, const DumpFile& file) {
+    status->setCurrentFile(getFileNameFromPath(file.name), std::to_string(file.size));
+    status->saveFile();
+    progress.updater.startFile(file.size);
+}
+
+void RetrieveContentAction::endFile(Progress& progress) {
+    status->setTransferFilesLeft(std::to_string(--progress.left));
+    status->saveFile();
+}
+
+void RetrieveContentAction::removeSources(std::vector<std::string>& sources) {
+    if (sources.empty()) return;
+    std::string list;
+    for (const std::string& source : sources) list += source + '\0';
+    std::istringstream in(list);
+    DiscardStream discard;
+    std::ostringstream err;
+    if (execRoot("xargs -0 rm -f --", in, discard, err, false, false) != 0) {
+        contentLog().warnStream() << "Cannot remove every source on the remote host: "
+                                  << err.str();
+    }
+    sources.clear();
+}
+
+namespace {
+
+// Splits one stream of files sent back to back at the listed sizes, summing each part; a part
+// whose sum then fails was cut wrong or changed, and is fetched again alone.
+class Splitter : public std::streambuf {
+  public:
+    typedef std::function<void(size_t)> Boundary;
+    Splitter(Env& env, const std::vector<DumpFile>& files, size_t begin, size_t end,
+             const std::string& target, FileRetrievalProgressUpdater& updater,
+             const Boundary& starting, const Boundary& finished)
+        : env_(env), files_(files), index_(begin), end_(end), target_(target),
+          updater_(updater), starting_(starting), finished_(finished) {}
+
+    std::vector<std::string> sums;  // one per part, in order; "" when the part never completed
+
+    // Ends the current part; parts that never began stay without a sum.
+    void close() {
+        if (copy_) finishPart();
+    }
+
+  protected:
+    std::streamsize xsputn(const char* data, std::streamsize size) override {
+        std::streamsize left = size;
+        while (left > 0) {
+            if (!copy_ && !openPart()) {
+                overflow_ = true;  // more than the list announced
+                return size;
+            }
+            const int64_t room = files_[index_].size - written_;
+            const std::streamsize take = std::min<std::streamsize>(left, room);
+            copy_->write(data, take);
+            digest_.update(data, static_cast<size_t>(take));
+            updater_(static_cast<int>(take));
+            written_ += take;
+            data += take;
+            left -= take;
+            if (written_ == files_[index_].size) finishPart();
+        }
+        return size;
+    }
+    int overflow(int c) override {
+        if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
+        const char byte = traits_type::to_char_type(c);
+        xsputn(&byte, 1);
+        return c;
+    }
+
+  private:
+    bool openPart() {
+        if (index_ >= end_) return false;
+        const std::string local = target_ + "/" + getFileNameFromPath(files_[index_].name);
+        starting_(index_);
+        copy_ = env_.openForWrite(local, false);
+        if (!copy_) TAVIK_RAISE(FileWrite, local, std::strerror(errno));
+        digest_ = Md5();
+        written_ = 0;
+        if (files_[index_].size == 0) finishPart();
+        return true;
+    }
+    void finishPart() {
+        const std::string local = target_ + "/" + getFileNameFromPath(files_[index_].name);
+        copy_->close();
+        if (!*copy_) TAVIK_RAISE(FileWrite, local, std::strerror(errno));
+        copy_.reset();
+        sums.push_back(written_ == files_[index_].size && !overflow_ ? digest_.hex() : "");
+        finished_(index_);
+        ++index_;
+    }
+
+    Env& env_;
+    const std::vector<DumpFile>& files_;
+    size_t index_;
+    size_t end_;
+    std::string target_;
+    FileRetrievalProgressUpdater& updater_;
+    Boundary starting_;
+    Boundary finished_;
+    std::unique_ptr<std::ofstream> copy_;
+    Md5 digest_;
+    int64_t written_ = 0;
+    bool overflow_ = false;
+};
+
+}  // namespace
+
+void RetrieveContentAction::fetchBatch(const std::vector<DumpFile>& files, size_t begin,
+                                       size_t end, const std::string& target, Progress& progress,
+                                       std::vector<std::string>& verified) {
+    std::string list;
+    for (size_t i = begin; i < end; ++i) {
+        env().makeDir(getPath(localPath(target, files[i])), kContentDirMode);
+        list += files[i].name + '\0';
+    }
+    Splitter splitter(
+        env(), files, begin, end, target, progress.updater,
+        [&](size_t i) { startFile(progress, files[i]); }, [&](size_t) { endFile(progress); });
+    std::ostream out(&splitter);
+    std::istringstream in(list);
+    std::ostringstream err;
+    // Every listed name goes through standard input: no quoting, and no limit on the count.
+    const int rc = env().exec("xargs -0 cat --", in, out, err, true, true, Ssh::nullCounter);
+    splitter.close();
+    if (rc != 0) {
+        contentLog().warnStream() << "Fetching " << end - begin << " files together ended with "
+                                  << rc << ": " << err.str();
+    }
+    for (size_t i = begin; i < end; ++i) {
+        const size_t part = i - begin;
+        const bool whole = part < splitter.sums.size() && splitter.sums[part] == files[i].md5;
+        if (whole) {
+            verified.push_back(files[i].name);
+            continue;
+        }
+        // Alone, from the start: a part cut at a wrong size says nothing about its bytes.
+        const std::string local = localPath(target, files[i]);
+        env().removeFile(local);
+        const bool reported = part < splitter.sums.size();
+        if (reported) ++progress.left;
+        startFile(progress, files[i]);
+        if (fetchVerified(files[i], local, progress.updater)) verified.push_back(files[i].name);
+        endFile(progress);
+    }
 }
 
 }  // namespace tavik

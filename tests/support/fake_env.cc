@@ -74,6 +74,42 @@ int FakeEnv::exec(const std::string& command, std::istream& in, std::ostream& ou
         err << rule.second.err;
         return rule.second.status;
     }
+    auto listed = [&] {
+        std::vector<std::string> names;
+        std::string name;
+        for (char c : input.str()) {
+            if (c != '\0') {
+                name += c;
+                continue;
+            }
+            names.push_back(name);
+            name.clear();
+        }
+        return names;
+    };
+    if (command.find(sh_quote("xargs -0 rm -f --")) != std::string::npos) {
+        for (const std::string& name : listed()) {
+            // The password line of sudo comes first.
+            const std::string path = name.substr(name.rfind('\n') + 1);
+            remoteFiles.erase(path);
+            deleted.push_back(path);
+        }
+        return 0;
+    }
+    if (command == "xargs -0 cat --") {
+        int status = 0;
+        for (const std::string& name : listed()) {
+            const auto file = remoteFiles.find(name);
+            if (file == remoteFiles.end()) {
+                err << "cat: " << name << ": No such file or directory\n";
+                status = 123;
+                continue;
+            }
+            counter(static_cast<int>(file->second.size()));
+            out << file->second;
+        }
+        return status;
+    }
     for (auto& file : remoteFiles) {
         const std::string quoted = " " + sh_quote(file.first);
         size_t from = 0;

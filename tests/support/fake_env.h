@@ -46,6 +46,8 @@ class FakeEnv : private FakeEnvFiles, public Env {
     // Remote files by path.
     std::map<std::string, std::string> remoteFiles;
     std::vector<Call> calls;
+    // Remote files deleted, in order.
+    std::vector<std::string> deleted;
     // Every migration status document as it was saved, rendered (xml_render).
     std::vector<std::string> statusSaves;
     // What the transport does every few seconds of a long command.
