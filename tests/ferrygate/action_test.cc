@@ -12,17 +12,6 @@ namespace tavik {
 namespace {
 
 // A content-list name that climbs out (or is absolute) still lands in the target directory.
-TEST(ActionPaths, NamesAndDirectoriesSplitAtTheLastSlash) {
-    const struct {
-        const char *path, *name, *dir;
-    } cases[] = {
-        {"../../etc/x", "x", "../../etc"}, {"/c", "c", ""}, {"c", "c", ""}, {"a/", "", "a"}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(c.name, getFileNameFromPath(c.path)) << c.path;
-        EXPECT_EQ(c.dir, getPath(c.path)) << c.path;
-    }
-}
-
 class RecordingStatus : public XmlMigrationStatus {
   public:
     RecordingStatus() : XmlMigrationStatus(theSession->getStatusFileName(), adminAccount()) {}
