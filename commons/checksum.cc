@@ -7,48 +7,70 @@
 
 #include "commons/commons.h"
 #include "commons/exceptions.h"
-#include "commons/handle.h"
 
 namespace tavik {
 
-namespace {
-
-void freeDigest(EVP_MD_CTX* context) { EVP_MD_CTX_free(context); }
-
-typedef Handle<EVP_MD_CTX*, freeDigest> DigestContext;
-typedef Handle<char*, DefaultDestructionFunc<char*>> CharBuffer;
-
-}  // namespace
-
 std::string countMd5Sum(std::istream& in) {
-    DigestContext context(EVP_MD_CTX_new());
-    if (EVP_DigestInit(context.get(), EVP_md5()) != 1) {
+    Md5 digest;
+    if (!digest.update(in)) TAVIK_RAISE(StreamRead);
+    return digest.hex();
+}
+
+Md5::Md5() : context_(EVP_MD_CTX_new()) {
+    if (context_ == nullptr || EVP_DigestInit(context_, EVP_md5()) != 1) {
+        EVP_MD_CTX_free(context_);
         TAVIK_RAISE(AssertionFailed, "MD5 digest cannot start");
     }
-    char chunk[4096];
+}
+
+Md5::Md5(const Md5& other) : context_(EVP_MD_CTX_new()) {
+    if (context_ == nullptr || EVP_MD_CTX_copy(context_, other.context_) != 1) {
+        EVP_MD_CTX_free(context_);
+        TAVIK_RAISE(AssertionFailed, "MD5 digest cannot be copied");
+    }
+}
+
+Md5& Md5::operator=(const Md5& other) {
+    if (this != &other && EVP_MD_CTX_copy(context_, other.context_) != 1) {
+        TAVIK_RAISE(AssertionFailed, "MD5 digest cannot be copied");
+    }
+    return *this;
+}
+
+Md5::~Md5() { EVP_MD_CTX_free(context_); }
+
+void Md5::update(const char* data, size_t size) {
+    if (EVP_DigestUpdate(context_, data, size) != 1) {
+        TAVIK_RAISE(AssertionFailed, "MD5 digest cannot take data");
+    }
+}
+
+bool Md5::update(std::istream& in) {
+    char chunk[65536];
     // fail() covers badbit too. A short read that reached the end sets failbit with eofbit; only
     // a failure before the end is an error.
     while (!in.fail()) {
         in.read(chunk, sizeof chunk);
         if (in.fail() && !in.eof()) break;
-        if (EVP_DigestUpdate(context.get(), chunk, static_cast<size_t>(in.gcount())) != 1) {
-            TAVIK_RAISE(AssertionFailed, "MD5 digest cannot take data");
-        }
+        update(chunk, static_cast<size_t>(in.gcount()));
     }
-    if (!in.eof() || in.bad()) {
-        TAVIK_RAISE(StreamRead);
-    }
+    return in.eof() && !in.bad();
+}
+
+std::string Md5::hex() const {
+    Md5 finishing(*this);
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
-    if (EVP_DigestFinal(context.get(), digest, &length) != 1) {
+    if (EVP_DigestFinal(finishing.context_, digest, &length) != 1) {
         TAVIK_RAISE(AssertionFailed, "MD5 digest cannot finish");
     }
-    CharBuffer hex(new char[2 * length + 1]);
+    std::string text(2 * length, '0');
+    static const char kDigits[] = "0123456789abcdef";
     for (unsigned int i = 0; i < length; ++i) {
-        std::snprintf(hex.get() + 2 * i, 3, "%02x", digest[i]);
+        text[2 * i] = kDigits[digest[i] >> 4];
+        text[2 * i + 1] = kDigits[digest[i] & 15];
     }
-    hex.get()[2 * length] = '\0';
-    return hex.get();
+    return text;
 }
 
 std::atomic<bool> isProgramTerminated(false);

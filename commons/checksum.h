@@ -7,13 +7,34 @@
 #include <boost/filesystem/path.hpp>
 #include <boost/function.hpp>
 #include <istream>
+#include <streambuf>
 #include <string>
+
+struct evp_md_ctx_st;
 
 namespace tavik {
 
 // The MD5 digest of everything left in `in`, as 32 lower-case hexadecimal digits. Throws
 // StreamRead when the stream fails before its end (an unopened file included).
 std::string countMd5Sum(std::istream& in);
+
+// An MD5 digest fed piece by piece, whose state can be copied (to go on from a partial file).
+class Md5 {
+  public:
+    Md5();
+    Md5(const Md5& other);
+    Md5& operator=(const Md5& other);
+    ~Md5();
+    void update(const char* data, size_t size);
+    // Adds everything left in `in`; false when the stream failed before its end.
+    bool update(std::istream& in);
+    // The digest of what was added so far as 32 lower-case hexadecimal digits; the state is
+    // left as it was.
+    std::string hex() const;
+
+  private:
+    ::evp_md_ctx_st* context_;
+};
 
 // Set once a stop of the migration is requested; nothing clears it. Lock-free, so a signal
 // handler may set it.

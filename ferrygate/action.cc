@@ -1,35 +1,22 @@
 #include "ferrygate/action.h"
 
-#include <signal.h>
-#include <sys/stat.h>
-#include <sys/vfs.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <fstream>
 #include <log4cpp/Category.hh>
 #include <sstream>
 
-#include "commons/commons.h"
 #include "commons/exceptions.h"
+#include "ferrygate/agent_spec.h"
 #include "ferrygate/session.h"
 #include "ssh/shell_quote.h"
 #include "utils/files.h"
-#include "utils/tavik_ugid.h"
 
 namespace tavik {
 
 log4cpp::Category& Action::logger = log4cpp::Category::getInstance("p.Action");
 
-std::atomic<Action*> pAction(nullptr);
-
 namespace {
 
 const char kSudoPrefix[] = "sudo -k; sudo -S -p ' ' ";
-const unsigned kRefreshSeconds = 5;
+const std::chrono::milliseconds kSaveInterval(200);
 
 // The agent directory stays one word inside the inner line as well: blanks, quotes or a ";" in
 // it must neither split the change of directory nor run as commands of their own.
@@ -38,13 +25,6 @@ std::string inAgentDir(const std::string& agentDir, const std::string& cmd) {
 }
 
 }  // namespace
-
-void giveToHmxadm(const std::string& path) {
-    if (chown(path.c_str(), tavik_ugid("hmxadm", 0), tavik_ugid("hmxadm", 1)) != 0) {
-        log4cpp::Category::getInstance("p.Action").warnStream()
-            << "Cannot give " << path << " to hmxadm: " << strerror(errno);
-    }
-}
 
 std::string shellWords(std::initializer_list<std::string> words) {
     std::string line;
@@ -55,19 +35,17 @@ std::string shellWords(std::initializer_list<std::string> words) {
     return line;
 }
 
-Action::Action(bool keepStatus)
-    : config(nullptr), result(nullptr), sudoChecked(false), alarmArmed(false) {
+Action::Action(bool keepStatus, Env& env)
+    : env_(env), config(nullptr), result(nullptr), sudoChecked(false) {
     if (keepStatus) {
-        status = createMigrationStatusFile();
+        status = env_.createStatus();
         status->setIdle();
         status->saveFile();
     }
 }
 
 Action::~Action() noexcept {
-    // A signal arriving after the action is gone must find nothing to serve.
-    Action* self = this;
-    pAction.compare_exchange_strong(self, nullptr);
+    if (refreshing_) env_.setAlarm(nullptr);
     try {
         status.reset();
     } catch (const ExTraceable& e) {
@@ -83,33 +61,23 @@ void Action::setResult(Result* sink) { result = sink; }
 
 void Action::closeStatus() { status.reset(); }
 
-Ssh* Action::getSsh() {
-    if (!ssh) {
-        const unsigned short port = cfg().port == 0 ? 22 : static_cast<unsigned short>(cfg().port);
-        ssh = std::make_unique<Ssh>(cfg().host, cfg().login, cfg().password, cfg().noEncryption,
-                                    port);
-    }
-    return ssh.get();
-}
-
-void Action::setSsh(std::unique_ptr<Ssh> transport) { ssh = std::move(transport); }
-
-void Action::setAlarmFunction() { getSsh()->setAlarm(this); }
-
-std::string Action::remoteAgentPath(const std::string& entryPoint) const {
-    return cfg().agentDir + "/" + entryPoint;
+std::string Action::agentCommand(const Agent& agent, const std::vector<std::string>& args) const {
+    std::string command = sh_quote(agent.getEffectiveInterpreter()) + " " +
+                          sh_quote(cfg().agentDir + "/" + agent.getEntryPoint());
+    for (const std::string& arg : args) command += " " + sh_quote(arg);
+    return command;
 }
 
 int Action::execUser(const std::string& cmd, std::istream& in, std::ostream& out, std::ostream& err,
                      bool quietOutput, bool quietInput) {
     const std::string line = inAgentDir(cfg().agentDir, cmd);
-    return getSsh()->exec(line, in, out, err, quietOutput, quietInput, Ssh::nullCounter);
+    return env_.exec(line, in, out, err, quietOutput, quietInput, Ssh::nullCounter);
 }
 
 int Action::execUser(const std::string& cmd, std::ostream& out, std::ostream& err,
                      bool quietOutput) {
     const std::string line = inAgentDir(cfg().agentDir, cmd);
-    return getSsh()->exec(line, out, err, quietOutput, Ssh::nullCounter);
+    return env_.exec(line, out, err, quietOutput);
 }
 
 int Action::execRoot(const std::string& cmd, std::istream& in, std::ostream& out, std::ostream& err,
@@ -135,13 +103,11 @@ int Action::execRoot(const std::string& cmd, std::ostream& out, std::ostream& er
 
 void Action::checkSudoPresence() {
     if (sudoChecked) return;
-    // A connection that cannot be made keeps its own failure (and exit code).
-    Ssh* transport = getSsh();
     std::ostringstream out;
     std::ostringstream err;
     int rc = -1;
     try {
-        rc = transport->exec("sudo -V", out, err, true, Ssh::nullCounter);
+        rc = env_.exec("sudo -V", out, err, true);
     } catch (const Exc<&SshConnectionFault>&) {
         throw;
     } catch (const ExTraceable& e) {
@@ -151,8 +117,8 @@ void Action::checkSudoPresence() {
 
     std::istringstream password(cfg().sudoPassword);
     try {
-        rc = transport->exec(std::string(kSudoPrefix) + "true", password, out, err, true, true,
-                             Ssh::nullCounter);
+        rc = env_.exec(std::string(kSudoPrefix) + "true", password, out, err, true, true,
+                       Ssh::nullCounter);
     } catch (const Exc<&SshConnectionFault>&) {
         throw;
     } catch (const ExTraceable& e) {
@@ -173,55 +139,36 @@ void Action::takeFile(const std::string& path) {
 }
 
 void Action::doAlarm() {
-    Action* saved = pAction.exchange(nullptr);
+    // The copy is itself a command, during which the transport may offer the refresh again.
+    if (!refreshing_ || inRefresh_) return;
+    inRefresh_ = true;
+    struct Done {
+        bool& flag;
+        ~Done() { flag = false; }
+    } done{inRefresh_};
     try {
-        getSsh()->setAlarm(nullptr);
-        const std::string target = theSession->getDumpingStatusFileName();
-        const std::string temporary = target + ".tmp";
-        getSsh()->get(temporary, cfg().agentDir + "/" + files::getRemoteDumpingStatusFileName());
-        // The controlling process reads the copy as hmxadm, like every other status file.
-        giveToHmxadm(temporary);
-        if (rename(temporary.c_str(), target.c_str()) != 0) {
-            TAVIK_RAISE(CantRenameFile, temporary, target, strerror(errno));
-        }
-        alarm(kRefreshSeconds);
-        pAction = saved;
-    } catch (const std::exception&) {
+        const std::string remote = cfg().agentDir + "/" + files::getRemoteDumpingStatusFileName();
+        env_.replaceFile(env_.session().getDumpingStatusFileName(),
+                         [&](std::ostream& out) { env_.get(out, remote, Ssh::nullCounter); });
+    } catch (const MigrationTerminatedException&) {
+        throw;
+    } catch (const std::exception& e) {
         // Refreshing is a courtesy to the controlling process: after the first failure it stops
         // for the rest of the action rather than disturb the dump it accompanies.
+        logger.warnStream() << "Dumping status no longer refreshed: " << e.what();
+        stopStatusRefresh();
     }
 }
 
-namespace {
-void armStatusRefresh() {
-    struct sigaction handler;
-    memset(&handler, 0, sizeof handler);
-    handler.sa_handler = update_status;
-    sigemptyset(&handler.sa_mask);
-    sigaction(SIGALRM, &handler, nullptr);
-    alarm(kRefreshSeconds);
-}
-}  // namespace
-
-void update_status(int) {
-    Action* action = pAction;
-    if (action == nullptr) return;
-    action->raiseAlarm();
-    armStatusRefresh();
+void Action::startStatusRefresh() {
+    refreshing_ = true;
+    env_.setAlarm(this);
 }
 
-void Action::raiseAlarm() noexcept {
-    // Only the pointer is handed over; the transport runs doAlarm on the main thread. Before the
-    // connection exists there is nothing to run the refresh on.
-    if (ssh) ssh->setAlarm(this);
+void Action::stopStatusRefresh() {
+    refreshing_ = false;
+    env_.setAlarm(nullptr);
 }
-
-void startStatusRefresh(Action* action) {
-    pAction = action;
-    armStatusRefresh();
-}
-
-void stopStatusRefresh() { pAction = nullptr; }
 
 FileRetrievalProgressUpdater::FileRetrievalProgressUpdater(MigrationStatus* status,
                                                            int64_t sizeLeft)
@@ -229,7 +176,8 @@ FileRetrievalProgressUpdater::FileRetrievalProgressUpdater(MigrationStatus* stat
       startTime(time(nullptr)),
       transferred(0),
       sizeLeft(sizeLeft),
-      currentFileLeft(0) {}
+      currentFileLeft(0),
+      lastSave(std::chrono::steady_clock::now()) {}
 
 void FileRetrievalProgressUpdater::operator()(int bytes) {
     sizeLeft -= bytes;
@@ -240,7 +188,14 @@ void FileRetrievalProgressUpdater::operator()(int bytes) {
     status->setTransferSpeed(std::to_string(speed));
     status->setTransferSizeLeft(std::to_string(sizeLeft));
     status->setTransferCurrentFileSizeLeft(std::to_string(currentFileLeft));
-    status->saveFile();
+    // Each save replaces a file: after every block, that was most of the cost of a download. The
+    // action saves at the start and end of every file; between them a reader polling a few
+    // times a second sees no difference.
+    const auto now = std::chrono::steady_clock::now();
+    if (now - lastSave >= kSaveInterval) {
+        lastSave = now;
+        status->saveFile();
+    }
 }
 
 void FileRetrievalProgressUpdater::skip(int64_t bytes) {
@@ -248,12 +203,6 @@ void FileRetrievalProgressUpdater::skip(int64_t bytes) {
     currentFileLeft -= bytes;
     status->setTransferSizeLeft(std::to_string(sizeLeft));
     status->setTransferCurrentFileSizeLeft(std::to_string(currentFileLeft));
-}
-
-uint64_t getFreeSpace(const std::string& path) {
-    struct statfs64 fs;
-    if (statfs64(path.c_str(), &fs) != 0) TAVIK_RAISE(CantStatFS, path, strerror(errno));
-    return static_cast<uint64_t>(fs.f_bavail) * static_cast<uint64_t>(fs.f_bsize);
 }
 
 std::string getFileNameFromPath(const std::string& path) {
@@ -264,15 +213,6 @@ std::string getFileNameFromPath(const std::string& path) {
 std::string getPath(const std::string& path) {
     const std::string::size_type slash = path.rfind('/');
     return slash == std::string::npos ? std::string() : path.substr(0, slash);
-}
-
-void make_content_dir(const std::string& path, unsigned mode, unsigned uid, unsigned gid) {
-    struct UmaskScope {
-        mode_t previous;
-        UmaskScope() : previous(umask(022)) {}
-        ~UmaskScope() { umask(previous); }
-    } scope;
-    make_dir(path, uid, gid, mode);
 }
 
 }  // namespace tavik

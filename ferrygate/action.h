@@ -4,7 +4,7 @@
 #ifndef FERRYGATE_FERRYGATE_ACTION_H
 #define FERRYGATE_FERRYGATE_ACTION_H
 
-#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <initializer_list>
@@ -12,8 +12,10 @@
 #include <ostream>
 #include <streambuf>
 #include <string>
+#include <vector>
 
 #include "commons/alarm.h"
+#include "ferrygate/env.h"
 #include "ferrygate/options.h"
 #include "ssh/ssh_transfer.h"
 #include "xml/migration_status.h"
@@ -29,19 +31,20 @@ class Log;
 typedef Log Result;
 
 // One operation of the command line. The driver builds it, calls setConfig and execute, and
-// destroys it; it never outlives the run's session.
+// destroys it; it never outlives the environment it was given.
 class Action : public Alarm {
   public:
-    // With `keepStatus`, the session's migration status is created and saved as idle at once;
-    // theSession must then be set.
-    explicit Action(bool keepStatus);
+    // Everything outside the program is reached through `env`, which is not owned. With
+    // `keepStatus`, the session's migration status is created and saved as idle at once.
+    Action(bool keepStatus, Env& env);
     // A failure of the final status save is logged; call closeStatus() first to see it.
     ~Action() noexcept override;
     Action(const Action&) = delete;
     Action& operator=(const Action&) = delete;
 
-    // Copies the agent's dumping-status file into the session; runs inside Ssh::exec, on the
-    // main thread. The first failure ends refreshing for the rest of the action.
+    // Copies the agent's dumping-status file into the session; the transport calls it every few
+    // seconds while the agent runs. The first failure ends refreshing for the rest of
+    // the action.
     void doAlarm() override;
     // `cfg` is not owned and must outlive the action.
     virtual void setConfig(const tavik::config* cfg);
@@ -49,14 +52,6 @@ class Action : public Alarm {
     virtual void execute() = 0;
     // Saves the final (idle) migration status now; throws what the save throws.
     void closeStatus();
-
-    // The connection, opened on first use (port 0 means 22). Throws the connection's failures.
-    Ssh* getSsh();
-    // Uses `transport` instead of opening a connection; for tests.
-    void setSsh(std::unique_ptr<Ssh> transport);
-    void setAlarmFunction();
-    // setAlarmFunction for the signal handler: never connects, never throws.
-    void raiseAlarm() noexcept;
 
     // Runs `cmd` as the login user, after a change into the agent directory, and returns its
     // exit status. The quiet flags keep output and input out of the debug log.
@@ -77,30 +72,28 @@ class Action : public Alarm {
 
   protected:
     const tavik::config& cfg() const { return *config; }
-    // <agent directory>/<agent's entry point>, as the agent's command names it.
-    std::string remoteAgentPath(const std::string& entryPoint) const;
+    Env& env() { return env_; }
+    // The command line that runs `agent` from the agent directory with `args`.
+    std::string agentCommand(const Agent& agent, const std::vector<std::string>& args) const;
+    // The session's copy of the agent's dumping status is refreshed while a command runs.
+    void startStatusRefresh();
+    void stopStatusRefresh();
 
-    std::unique_ptr<Ssh> ssh;
+    Env& env_;
     const tavik::config* config;
     Result* result;
     MigrationStatusPtr status;
     bool sudoChecked;
-    bool alarmArmed;
 
     static log4cpp::Category& logger;
+
+  private:
+    bool refreshing_ = false;
+    bool inRefresh_ = false;
 };
 
-// The action the SIGALRM handler serves; null when none.
-extern std::atomic<Action*> pAction;
-// The SIGALRM handler: hands pAction to its transport and re-arms the five-second alarm.
-void update_status(int);
-// Installs update_status for SIGALRM and arms the alarm for `action`.
-void startStatusRefresh(Action* action);
-// Ends the refresh; the pending alarm lapses harmlessly.
-void stopStatusRefresh();
-
 // Keeps the transfer fields of the migration status current while files download, saving the
-// status after every block.
+// status at most five times a second.
 class FileRetrievalProgressUpdater : public Ssh::Counter {
   public:
     // `status` is not owned. Speed is counted from now.
@@ -117,13 +110,11 @@ class FileRetrievalProgressUpdater : public Ssh::Counter {
     int64_t transferred;
     int64_t sizeLeft;
     int64_t currentFileLeft;
+    std::chrono::steady_clock::time_point lastSave;
 };
 
 // The words, each through sh_quote, joined by single blanks: one remote command line.
 std::string shellWords(std::initializer_list<std::string> words);
-
-// Gives a local file to the account hmxadm (user and primary group); a failure is logged.
-void giveToHmxadm(const std::string& path);
 
 // An output stream that drops everything written to it.
 class DiscardStream : public std::ostream {
@@ -137,14 +128,10 @@ class DiscardStream : public std::ostream {
     } buffer;
 };
 
-// Bytes available to unprivileged users on the file system holding `path`. Throws CantStatFS.
-uint64_t getFreeSpace(const std::string& path);
 // "a/b/c" gives "c"; a name without "/" is returned whole.
 std::string getFileNameFromPath(const std::string& path);
 // "a/b/c" gives "a/b"; a name without "/" gives "".
 std::string getPath(const std::string& path);
-// make_dir with the umask at 022 for the call.
-void make_content_dir(const std::string& path, unsigned mode, unsigned uid, unsigned gid);
 
 }  // namespace tavik
 

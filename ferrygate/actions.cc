@@ -1,14 +1,13 @@
 // The short actions: scout, dumping status, agent removal.
 #include "ferrygate/actions.h"
 
-#include <unistd.h>
-
 #include <fstream>
 #include <iostream>
 #include <sstream>
 
 #include "commons/exceptions.h"
 #include "ferrygate/session.h"
+#include "ssh/shell_quote.h"
 #include "utils/files.h"
 
 namespace tavik {
@@ -18,19 +17,19 @@ void SendScoutAction::execute() {
     status->setAgentOperation(MigrationStatus::opDeploy);
     status->saveFile();
 
-    const std::string scoutFile = files::getScoutFileName();
+    const std::string scoutFile = env().scoutFile();
     std::ifstream script(scoutFile.c_str(), std::ios::binary);
     if (!script) TAVIK_RAISE(UnableToOpenScoutFile, scoutFile);
 
     // Without a writable result file the scout still runs; only its report is lost.
-    std::ofstream resultFile(theSession->getScoutResultFileName().c_str(),
-                             std::ios::binary | std::ios::trunc);
+    std::unique_ptr<std::ofstream> resultFile =
+        env().openForWrite(env().session().getScoutResultFileName(), false);
     DiscardStream nowhere;
-    std::ostream& out = resultFile.is_open() ? static_cast<std::ostream&>(resultFile) : nowhere;
+    std::ostream& out = resultFile ? static_cast<std::ostream&>(*resultFile) : nowhere;
     std::ostringstream err;
     const int rc = execRoot("perl", script, out, err, false, true);
     if (rc != 0) TAVIK_RAISE(FailedToExecuteScout, rc, err.str());
-    resultFile.close();
+    if (resultFile) resultFile->close();
 
     status->setAgentOperation(MigrationStatus::opWait);
     status->saveFile();
@@ -43,7 +42,7 @@ void GetDumpingStatusAction::execute() {
     try {
         const std::string remote = cfg().agentDir + "/" + files::getRemoteDumpingStatusFileName();
         takeFile(remote);
-        getSsh()->get(std::cout, remote);
+        env().get(std::cout, remote, Ssh::nullCounter);
         std::cout.flush();
     } catch (const ExTraceable& e) {
         TAVIK_RAISE_WRAP(DumpStatusError, e);
@@ -53,8 +52,7 @@ void GetDumpingStatusAction::execute() {
 void RemoveDumpingStatusAction::execute() {
     // The remote file's name taken as a local path, and the result not looked at: the
     // controlling process relies on exactly this.
-    const std::string path = cfg().agentDir + "/" + files::getRemoteDumpingStatusFileName();
-    unlink(path.c_str());
+    env().removeFile(cfg().agentDir + "/" + files::getRemoteDumpingStatusFileName());
 }
 
 void RemoveAgentAction::execute() {

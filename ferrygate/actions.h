@@ -7,6 +7,7 @@
 
 #include "ferrygate/action.h"
 #include "ferrygate/send_agent.h"
+#include "xml/agent_file_list.h"
 
 namespace tavik {
 
@@ -14,7 +15,7 @@ namespace tavik {
 // session's scout result. Throws UnableToOpenScoutFile (before connecting), FailedToExecuteScout.
 class SendScoutAction : public Action {
   public:
-    SendScoutAction() : Action(true) {}
+    explicit SendScoutAction(Env& env) : Action(true, env) {}
     void execute() override;
 };
 
@@ -23,8 +24,8 @@ class SendScoutAction : public Action {
 // Throws CantRetrieveDump, CantRetrieveDumpFile, FileWrite.
 class RetrieveDumpAction : public Action {
   public:
-    RetrieveDumpAction(const std::vector<std::string>& args, const std::string& input)
-        : Action(true), args(args), input(input) {}
+    RetrieveDumpAction(Env& env, const std::vector<std::string>& args, const std::string& input)
+        : Action(true, env), args(args), input(input) {}
     void execute() override;
 
   private:
@@ -36,7 +37,7 @@ class RetrieveDumpAction : public Action {
 // DumpStatusError.
 class GetDumpingStatusAction : public Action {
   public:
-    GetDumpingStatusAction() : Action(true) {}
+    explicit GetDumpingStatusAction(Env& env) : Action(true, env) {}
     void execute() override;
 };
 
@@ -44,7 +45,7 @@ class GetDumpingStatusAction : public Action {
 // connects, never fails.
 class RemoveDumpingStatusAction : public Action {
   public:
-    RemoveDumpingStatusAction() : Action(true) {}
+    explicit RemoveDumpingStatusAction(Env& env) : Action(true, env) {}
     void execute() override;
 };
 
@@ -54,14 +55,42 @@ class RemoveDumpingStatusAction : public Action {
 // WrongMd5Sum (a download of the wrong size: the remote file is then kept), FileWrite.
 class RetrieveContentAction : public Action {
   public:
-    RetrieveContentAction() : Action(true) {}
+    explicit RetrieveContentAction(Env& env) : Action(true, env) {}
     void execute() override;
+
+  private:
+    struct Progress {
+        FileRetrievalProgressUpdater& updater;
+        size_t left;
+    };
+    void startFile(Progress& progress, const DumpFile& file);
+    void endFile(Progress& progress);
+    // Fetches files[begin, end) in one command, then whatever failed its sum alone. Verified
+    // sources are added to `verified`.
+    void fetchBatch(const std::vector<DumpFile>& files, size_t begin, size_t end,
+                    const std::string& target, Progress& progress,
+                    std::vector<std::string>& verified);
+    // Deletes the sources of verified copies on the remote host, then forgets them.
+    void removeSources(std::vector<std::string>& sources);
+    // The agent's list, refused whole (CantRetrieveContentList) when an entry has no usable
+    // name of its own.
+    std::vector<DumpFile> contentList();
+    static std::string localPath(const std::string& target, const DumpFile& file);
+    // Makes `local` a verified copy of `file`: continues a partial copy, and fetches the whole
+    // file once more when the sum does not match. False when a finished copy was already there.
+    // Throws WrongMd5Sum after the second mismatch, keeping the bad copy aside.
+    bool fetchVerified(const DumpFile& file, const std::string& local,
+                       FileRetrievalProgressUpdater& updater);
+    // Appends the remote file from byte `offset` on to `local`, feeding `digest`; returns the
+    // digest's sum. Throws FileWrite, StreamRead and the transport's failures.
+    std::string fetch(const DumpFile& file, const std::string& local, int64_t offset,
+                      class Md5& digest, FileRetrievalProgressUpdater& updater);
 };
 
 // --remove-agent: removes the agent directory on the source host; best effort, never fails.
 class RemoveAgentAction : public Action {
   public:
-    RemoveAgentAction() : Action(false) {}
+    explicit RemoveAgentAction(Env& env) : Action(false, env) {}
     void execute() override;
 };
 

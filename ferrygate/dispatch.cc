@@ -10,6 +10,7 @@
 #include "commons/xml_log.h"
 #include "ferrygate/actions.h"
 #include "ferrygate/dump_options.h"
+#include "ferrygate/env.h"
 #include "ferrygate/session.h"
 
 namespace tavik {
@@ -50,11 +51,11 @@ void readListFromStdin(config& cfg) {
     }
 }
 
-RetrieveDumpAction* makeDumpAction(const config& cfg) {
+RetrieveDumpAction* makeDumpAction(const config& cfg, Env& env) {
     std::vector<std::string> args;
     std::string input;
     prepareDumpAgentArguments(cfg, args, input);
-    return new RetrieveDumpAction(args, input);
+    return new RetrieveDumpAction(env, args, input);
 }
 
 }  // namespace
@@ -66,36 +67,39 @@ int exitCodeOf(const ExTraceable& e) {
     return EXIT_ACTION_FAILED;
 }
 
-Action* getActionByIdInternal(const config& cfg) {
+Action* getActionByIdInternal(const config& cfg, Env& env) {
     switch (cfg.action) {
         case ACTION_SEND_SCOUT:
-            return new SendScoutAction;
+            return new SendScoutAction(env);
         case ACTION_DEPLOY_AGENT:
-            return new SendAgentAction;
+            return new SendAgentAction(env);
         case ACTION_GET_DUMPING_STATUS:
-            return new GetDumpingStatusAction;
+            return new GetDumpingStatusAction(env);
         case ACTION_DUMP_SELECTED:
         case ACTION_DUMP_ALL:
-            return makeDumpAction(cfg);
+            return makeDumpAction(cfg, env);
         case ACTION_GET_CONTENT:
-            return new RetrieveContentAction;
+            return new RetrieveContentAction(env);
         case ACTION_REMOVE_AGENT:
-            return new RemoveAgentAction;
+            return new RemoveAgentAction(env);
         case ACTION_REMOVE_DUMPING_STATUS:
-            return new RemoveDumpingStatusAction;
+            return new RemoveDumpingStatusAction(env);
         default:
             TAVIK_RAISE(UnknownAction);
     }
 }
 
-Action* getActionById(const config& cfg) { return getActionByIdInternal(cfg); }
-
 int do_actions(config& cfg) {
     LogLifetimeController executionLog(theSession->getResultFileName());
     readListFromStdin(cfg);
+    LiveEnv env(cfg, *theSession);
+    return run_action(cfg, env);
+}
+
+int run_action(const config& cfg, Env& env) {
     std::unique_ptr<Action> action;
     try {
-        action.reset(getActionByIdInternal(cfg));
+        action.reset(getActionByIdInternal(cfg, env));
         action->setConfig(&cfg);
         action->setResult(theLog);
         action->execute();

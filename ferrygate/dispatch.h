@@ -7,6 +7,7 @@
 namespace tavik {
 
 class Action;
+class Env;
 class ExTraceable;
 
 // Exit codes of a run.
@@ -31,10 +32,13 @@ enum ExitCode {
 // counts as success. Other exceptions pass on.
 int do_actions(config& cfg);
 
-// A new action for cfg.action, owned by the caller. Throws UnknownAction for help and anything
-// that is not an action.
-Action* getActionByIdInternal(const config& cfg);
-Action* getActionById(const config& cfg);
+// do_actions after its set-up: runs the action of `cfg` in `env` and maps its outcome to the exit
+// code, with the execution log (theLog) open.
+int run_action(const config& cfg, Env& env);
+
+// A new action for cfg.action, owned by the caller, reaching the world through `env`. Throws
+// UnknownAction for help and anything that is not an action.
+Action* getActionByIdInternal(const config& cfg, Env& env);
 
 // The exit code that a failure of this kind ends the run with.
 int exitCodeOf(const ExTraceable& e);

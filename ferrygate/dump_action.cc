@@ -1,13 +1,11 @@
-#include <sys/stat.h>
-
+#include <cerrno>
+#include <cstring>
 #include <sstream>
 
 #include "commons/exceptions.h"
-#include "commons/replace_file.h"
 #include "ferrygate/actions.h"
 #include "ferrygate/agent_spec.h"
 #include "ferrygate/session.h"
-#include "ssh/shell_quote.h"
 
 namespace tavik {
 
@@ -18,32 +16,34 @@ void RetrieveDumpAction::execute() {
 
     std::string command;
     try {
-        const boost::shared_ptr<Agent> agent = theAgentsFactory().getAgent(cfg().agentName);
-        command = sh_quote(agent->getEffectiveInterpreter());
-        command += " " + sh_quote(remoteAgentPath(agent->getEntryPoint()));
-        for (const std::string& arg : args) command += " " + sh_quote(arg);
-        if (cfg().noContent) command += " " + sh_quote("--no-content");
+        std::vector<std::string> words = args;
+        if (cfg().noContent) words.push_back("--no-content");
+        command = agentCommand(*env().agent(cfg().agentName), words);
     } catch (const ExTraceable& e) {
         TAVIK_RAISE_WRAP(CantRetrieveDump, e);
     }
 
-    startStatusRefresh(this);
+    startStatusRefresh();
     std::ostringstream out;
     std::ostringstream err;
     std::istringstream in(input);
     const int rc = execRoot(command, in, out, err, false, false);
-    if (rc != 0) TAVIK_RAISE(CantRetrieveDumpFile, err.str());
     stopStatusRefresh();
+    if (rc != 0) TAVIK_RAISE(CantRetrieveDumpFile, err.str());
 
     const std::string remoteDump = cfg().agentDir + "/dump.xml";
+    const std::string localDump = env().session().getDumpFileName();
     takeFile(remoteDump);
-    getSsh()->get(theSession->getDumpFileName(), remoteDump);
-    // A missing remote dump downloads as an empty file without an error.
-    struct stat st;
-    if (stat(theSession->getDumpFileName().c_str(), &st) != 0 || st.st_size == 0) {
+    std::unique_ptr<std::ofstream> dump = env().openForWrite(localDump, false);
+    if (!dump) TAVIK_RAISE(FileWrite, localDump, std::strerror(errno));
+    std::ostringstream catErr;
+    const int catRc = env().get(*dump, remoteDump, Ssh::nullCounter, &catErr);
+    dump->close();
+    if (!*dump) TAVIK_RAISE(FileWrite, localDump, std::strerror(errno));
+    if (catRc != 0 || env().fileSize(localDump) <= 0) {
         TAVIK_RAISE(CantRetrieveDumpFile, err.str() + "(the agent left no " + remoteDump + ")");
     }
-    replaceFileText(cfg().sessionPath + "/dump-name", adminAccount(), theSession->getDumpFileName());
+    env().replaceFileText(cfg().sessionPath + "/dump-name", localDump);
 }
 
 }  // namespace tavik

@@ -1,7 +1,5 @@
 #include "ferrygate/send_agent.h"
 
-#include <unistd.h>
-
 #include <boost/filesystem/operations.hpp>
 #include <cerrno>
 #include <cstring>
@@ -16,7 +14,6 @@
 #include "ferrygate/session.h"
 #include "ssh/shell_quote.h"
 #include "utils/files.h"
-#include "utils/tavik_ugid.h"
 
 namespace tavik {
 
@@ -39,14 +36,14 @@ void SendAgentAction::execute() {
     logger.noticeStream() << "Copying agent " << cfg().agentName << " to the remote host.";
 
     // Everything that can be found wrong on this host is, before the source host is touched.
-    const fs::path agents(files::agents::getDir());
+    const fs::path agents(env().agentsDir());
     const fs::path shared = agents / "shared";
     if (!isDirectory(shared)) TAVIK_RAISE(NoSharedAgentsDirectory);
     const fs::path agentDir = agents / cfg().agentName;
     if (!isSingleComponent(cfg().agentName) || !isDirectory(agentDir)) {
         TAVIK_RAISE(NoAgentDirectory, cfg().agentName);
     }
-    const boost::shared_ptr<Agent> agent = theAgentsFactory().getAgent(cfg().agentName);
+    const boost::shared_ptr<Agent> agent = env().agent(cfg().agentName);
 
     sendTree(shared);
     sendTree(agentDir);
@@ -55,19 +52,20 @@ void SendAgentAction::execute() {
     status->saveFile();
     logger.notice("Getting agent deployment status");
 
-    const std::string inner = "cd " + sh_quote(cfg().agentDir) + " && " +
-                              agent->getEffectiveInterpreter() + " " +
-                              sh_quote(remoteAgentPath(agent->getEntryPoint())) + " --get-status";
+    const std::string inner =
+        "cd " + sh_quote(cfg().agentDir) + " && " + agentCommand(*agent, {"--get-status"});
     const std::string command = shellWords({"sh", "-c", inner});
-    const std::string statusFile = theSession->getDeploymentStatusFileName();
-    std::ofstream out(statusFile.c_str(), std::ios::binary | std::ios::trunc);
+    // Emptied before the request: a failing request must not leave an earlier answer behind.
+    const std::string statusFile = env().session().getDeploymentStatusFileName();
+    std::unique_ptr<std::ofstream> out = env().openForWrite(statusFile, false);
+    if (!out) TAVIK_RAISE(FileWrite, statusFile, strerror(errno));
+    env().giveToAdmin(statusFile);
     std::ostringstream err;
-    if (execRoot(command, out, err, false) != 0) {
+    if (execRoot(command, *out, err, false) != 0) {
         TAVIK_RAISE(CantRequestAgentStatus, command, err.str());
     }
-    out.close();
-    if (!out) TAVIK_RAISE(FileWrite, statusFile, strerror(errno));
-    giveToHmxadm(statusFile);
+    out->close();
+    if (!*out) TAVIK_RAISE(FileWrite, statusFile, strerror(errno));
 }
 
 void SendAgentAction::sendTree(const fs::path& local) {
@@ -83,7 +81,8 @@ bool SendAgentAction::sendFile(const fs::path& base, const fs::path& local,
     if (!isDirectory(local)) {
         logger.infoStream() << "remote <copy " << remote.string() << " (from " << local.string()
                             << ")";
-        getSsh()->put(local.string(), remote.string());
+        std::ifstream in(local.string().c_str(), std::ios::binary);
+        env().put(in, remote.string());
         return true;
     }
     for (fs::path step = remote; !step.empty() && step != base; step = step.parent_path()) {

@@ -17,7 +17,7 @@ namespace tavik {
 // CantCreateAgentDirectory, CantRequestAgentStatus.
 class SendAgentAction : public Action {
   public:
-    SendAgentAction() : Action(true) {}
+    explicit SendAgentAction(Env& env) : Action(true, env) {}
     void execute() override;
 
     // One entry of a walk of a local agent tree onto the remote path `base`: uploads a file, or

@@ -1,0 +1,53 @@
+// Stores a download and sums it in one pass, off the thread that receives it.
+#ifndef FERRYGATE_FERRYGATE_DIGESTING_WRITER_H
+#define FERRYGATE_FERRYGATE_DIGESTING_WRITER_H
+
+#include <condition_variable>
+#include <mutex>
+#include <ostream>
+#include <streambuf>
+#include <thread>
+#include <vector>
+
+#include "commons/checksum.h"
+
+namespace tavik {
+
+// A stream buffer that collects what is written into large blocks and hands each to a second
+// thread, which adds it to `digest` and writes it to `file`: decryption, checksum and disk
+// proceed side by side, and memory stays at two blocks. `file` and `digest` are not owned and
+// must not be touched until finish() has returned.
+class DigestingWriter : public std::streambuf {
+  public:
+    DigestingWriter(std::ostream& file, Md5& digest);
+    ~DigestingWriter() override;
+    DigestingWriter(const DigestingWriter&) = delete;
+    DigestingWriter& operator=(const DigestingWriter&) = delete;
+
+    // Waits until everything written has been summed and stored; false when `file` refused a
+    // write.
+    bool finish();
+
+  protected:
+    std::streamsize xsputn(const char* data, std::streamsize size) override;
+    int overflow(int c) override;
+
+  private:
+    void handOver();
+    void work();
+
+    std::ostream& file_;
+    Md5& digest_;
+    std::vector<char> filling_;
+    std::vector<char> pending_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool hasPending_ = false;
+    bool stopping_ = false;
+    bool failed_ = false;
+    std::thread worker_;
+};
+
+}  // namespace tavik
+
+#endif  // FERRYGATE_FERRYGATE_DIGESTING_WRITER_H
