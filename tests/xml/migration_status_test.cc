@@ -26,33 +26,16 @@ class MigrationStatusTest : public ::testing::Test {
     MigrationStatusPtr status_ = createMigrationStatusFile(file_, {getuid(), getgid()});
 };
 
+// The agent and transfer states as the actions go through them are checked by the actions'
+// progress test; here the rest, and values that need escaping or filtering.
 TEST_F(MigrationStatusTest, EveryStateWritesItsOwnStructure) {
     EXPECT_EQ("missing", testing::renderFile(file_)) << "nothing may be written before saveFile";
     MigrationStatus& s = *status_;
-    s.setAgentParams("src");
-    s.setAgentOperation(MigrationStatus::opDeploy);
-    EXPECT_EQ("migration-status(agent[action=deploy](host:src))", save(s));
-    s.setAgentOperation(MigrationStatus::opWait);
-    EXPECT_EQ("migration-status(agent[action=wait](host:src))", save(s));
-    s.setTransferDump();
-    EXPECT_EQ("migration-status(transfer(host:src,dumpfile))", save(s));
-
     s.setTransferTotals("10", "");
-    s.setCurrentFile("only-name", "");
+    s.setCurrentFile("a<b>\xc3\xbc\x01.tgz", "");
     EXPECT_EQ(
-        "migration-status(transfer(host:src,files[total=10,left=10](current-file:only-name)))",
+        "migration-status(transfer(host,files[total=10,left=10](current-file:a<b>\xc3\xbc.tgz)))",
         save(s));
-    s.setTransferSpeed("1200");
-    s.setTransferTotals("10", "5000");
-    s.setCurrentFile("a<b>\xc3\xbc\x01.tgz", "300");
-    s.setTransferCurrentFileSizeLeft("100");
-    s.setTransferFilesLeft("9");
-    s.setTransferSizeLeft("4800");
-    EXPECT_EQ(
-        "migration-status(transfer[speed=1200](host:src,files[total=10,left=9,"
-        "size-total=5000,size-left=4800](current-file[size=300,size-left=100]:a<b>\xc3\xbc.tgz)))",
-        save(s));
-
     s.setTranslate();
     EXPECT_EQ("migration-status(translate)", save(s));
     s.setDeployTotals("3", "7");
@@ -71,7 +54,7 @@ TEST_F(MigrationStatusTest, EveryStateWritesItsOwnStructure) {
 
     // Only the children are rebuilt: the deploy counters stay on the root in later states.
     s.setTransferDump();
-    EXPECT_EQ(counters + "(transfer[speed=1200](host:src,dumpfile))", save(s));
+    EXPECT_EQ(counters + "(transfer(host,dumpfile))", save(s));
     status_.reset();
     EXPECT_EQ(counters + "(idle)", testing::renderFile(file_)) << "a run ends with idle";
 }
