@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <log4cpp/Category.hh>
 #include <functional>
+#include <log4cpp/Category.hh>
 #include <map>
 #include <sstream>
 
@@ -109,8 +109,7 @@ void RetrieveContentAction::execute() {
 }
 
 std::vector<DumpFile> RetrieveContentAction::contentList() {
-    const std::string command =
-        agentCommand(*env().agent(cfg().agentName), {"--get-content-list"});
+    const std::string command = agentCommand(*env().agent(cfg().agentName), {"--get-content-list"});
     std::ostringstream out;
     std::ostringstream err;
     const int rc = execRoot(command, out, err, false);
@@ -132,9 +131,9 @@ std::vector<DumpFile> RetrieveContentAction::contentList() {
     for (const DumpFile& file : files) {
         const std::string name = getFileNameFromPath(file.name);
         const std::string rejected(kRejectedSuffix);
-        const bool setAside = name.size() > rejected.size() &&
-                              name.compare(name.size() - rejected.size(), std::string::npos,
-                                           rejected) == 0;
+        const bool setAside =
+            name.size() > rejected.size() &&
+            name.compare(name.size() - rejected.size(), std::string::npos, rejected) == 0;
         if (name.empty() || name == "." || name == ".." || file.size < 0 || setAside) {
             TAVIK_RAISE(CantRetrieveContentList, "unusable entry '" + file.name + "'");
         }
@@ -189,9 +188,9 @@ std::string RetrieveContentAction::fetch(const DumpFile& file, const std::string
     if (!copy) TAVIK_RAISE(FileWrite, local, std::strerror(errno));
     DigestingWriter writer(*copy, digest);
     std::ostream out(&writer);
-    const std::string command = offset > 0 ? "tail -c +" + std::to_string(offset + 1) + " " +
-                                                 sh_quote(file.name)
-                                           : "cat " + sh_quote(file.name);
+    const std::string command =
+        offset > 0 ? "tail -c +" + std::to_string(offset + 1) + " " + sh_quote(file.name)
+                   : "cat " + sh_quote(file.name);
     std::istream none(nullptr);
     std::ostringstream err;
     const int rc = env().exec(command, none, out, err, true, true, updater);
@@ -201,7 +200,7 @@ std::string RetrieveContentAction::fetch(const DumpFile& file, const std::string
     if (!stored || !*copy || !out) TAVIK_RAISE(FileWrite, local, std::strerror(errno));
     if (rc != 0) {
         contentLog().errorStream() << "Cannot read " << file.name << " on the remote host (status "
-                               << rc << "): " << err.str();
+                                   << rc << "): " << err.str();
         TAVIK_RAISE(StreamRead);
     }
     return digest.hex();
@@ -226,8 +225,7 @@ void RetrieveContentAction::removeSources(std::vector<std::string>& sources) {
     DiscardStream discard;
     std::ostringstream err;
     if (execRoot("xargs -0 rm -f --", in, discard, err, false, false) != 0) {
-        contentLog().warnStream() << "Cannot remove every source on the remote host: "
-                                  << err.str();
+        contentLog().warnStream() << "Cannot remove every source on the remote host: " << err.str();
     }
     sources.clear();
 }
@@ -242,8 +240,14 @@ class Splitter : public std::streambuf {
     Splitter(Env& env, const std::vector<DumpFile>& files, size_t begin, size_t end,
              const std::string& target, FileRetrievalProgressUpdater& updater,
              const Boundary& starting, const Boundary& finished)
-        : env_(env), files_(files), index_(begin), end_(end), target_(target),
-          updater_(updater), starting_(starting), finished_(finished) {}
+        : env_(env),
+          files_(files),
+          index_(begin),
+          end_(end),
+          target_(target),
+          updater_(updater),
+          starting_(starting),
+          finished_(finished) {}
 
     std::vector<std::string> sums;  // one per part, in order; "" when the part never completed
 
@@ -317,8 +321,8 @@ class Splitter : public std::streambuf {
 
 }  // namespace
 
-void RetrieveContentAction::fetchBatch(const std::vector<DumpFile>& files, size_t begin,
-                                       size_t end, const std::string& target, Progress& progress,
+void RetrieveContentAction::fetchBatch(const std::vector<DumpFile>& files, size_t begin, size_t end,
+                                       const std::string& target, Progress& progress,
                                        std::vector<std::string>& verified) {
     std::string list;
     for (size_t i = begin; i < end; ++i) {

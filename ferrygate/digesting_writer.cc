@@ -54,9 +54,8 @@ void DigestingWriter::work() {
         lock.unlock();
         // Only this thread touches the block, the digest and the file until it hands back.
         digest_.update(pending_.data(), pending_.size());
-        const bool written =
-            static_cast<bool>(file_.write(pending_.data(), static_cast<std::streamsize>(
-                                                               pending_.size())));
+        const bool written = static_cast<bool>(
+            file_.write(pending_.data(), static_cast<std::streamsize>(pending_.size())));
         lock.lock();
         if (!written) failed_ = true;
         hasPending_ = false;

@@ -95,7 +95,8 @@ void Env::replaceFile(const std::string& path, const std::function<void(std::ost
 }
 
 void Env::replaceFileText(const std::string& path, const std::string& text, bool durable) {
-    replaceFile(path, [&](std::ostream& out) { out << text; }, durable);
+    replaceFile(
+        path, [&](std::ostream& out) { out << text; }, durable);
 }
 
 std::unique_ptr<std::ofstream> Env::openForWrite(const std::string& path, bool append) {

@@ -71,8 +71,7 @@ class Env {
     // Replaces `path` for its readers with what `write` puts into the stream (replaceFile); a
     // failed write or close throws FileWrite. With `durable`, the data reach the disk first.
     virtual void replaceFile(const std::string& path,
-                             const std::function<void(std::ostream&)>& write,
-                             bool durable = false);
+                             const std::function<void(std::ostream&)>& write, bool durable = false);
     void replaceFileText(const std::string& path, const std::string& text, bool durable = false);
     // A file opened for writing (created with mode 0640, truncated unless `append`), or null when
     // it cannot be opened.

@@ -302,7 +302,9 @@ TEST_F(Content, AStoppedDownloadEndsInOrderAndTheRerunFetchesOnlyTheRest) {
     const std::string copy = sessionFile(name);
     RelayProcess slow(port(), {"--rate-down", "2000000"});
     ProcessResult r;
-    std::thread run([&] { r = ferrygate({"--get-content", "--port=" + std::to_string(slow.port())}); });
+    std::thread run([&] {
+        r = ferrygate({"--get-content", "--port=" + std::to_string(slow.port())});
+    });
     const auto start = std::chrono::steady_clock::now();
     while (!(fs::exists(copy) && fs::file_size(copy) > (1 << 20)) &&
            std::chrono::steady_clock::now() - start < std::chrono::seconds(30)) {
@@ -331,8 +333,9 @@ TEST_F(Content, AStoppedDownloadEndsInOrderAndTheRerunFetchesOnlyTheRest) {
     EXPECT_EQ(md5, md5OfFile(copy));
     EXPECT_FALSE(fs::exists(remoteAgent_ + "/content/" + name));
     // Only the rest crossed the wire: the command started at the first missing byte.
-    EXPECT_NE(std::string::npos, readFile(sessionFile("migration.log"))
-                                     .find("tail -c +" + std::to_string(kept + 1) + " "))
+    EXPECT_NE(
+        std::string::npos,
+        readFile(sessionFile("migration.log")).find("tail -c +" + std::to_string(kept + 1) + " "))
         << "resumed at " << kept << " of " << size;
 }
 

@@ -8,8 +8,8 @@
 
 #include "ferrygate/action.h"
 #include "ferrygate/dispatch.h"
-#include "support/fake_env.h"
 #include "ssh/shell_quote.h"
+#include "support/fake_env.h"
 #include "support/process.h"
 #include "support/xml_render.h"
 
@@ -86,11 +86,11 @@ struct ActionRun {
         Commands all;
         for (const std::string& line : env->commands()) {
             // An upload is never handed to the shell here: its redirection would write the file.
-        const bool upload = line.compare(0, 6, "cat > ") == 0;
-        for (auto words : commandsOf(upload ? "cat " + line.substr(6) : line)) {
-            if (upload) words[0] = "cat>";
-            all.push_back(words);
-        }
+            const bool upload = line.compare(0, 6, "cat > ") == 0;
+            for (auto words : commandsOf(upload ? "cat " + line.substr(6) : line)) {
+                if (upload) words[0] = "cat>";
+                all.push_back(words);
+            }
         }
         return all;
     }
@@ -130,12 +130,14 @@ TEST(Actions, SendExactlyTheseCommandsWithAndWithoutSudo) {
         } rows[] = {
             {ACTION_SEND_SCOUT, join({checks, root(withSudo, {"perl"})})},
             {ACTION_GET_DUMPING_STATUS, join({checks, take(status), {{"cat", status}}})},
-            {ACTION_DUMP_ALL,
-             join({checks, root(withSudo, {"perl", entry, "--dump-all"}),
-                   take(kDir + "/dump.xml"), {{"cat", kDir + "/dump.xml"}}})},
-            {ACTION_GET_CONTENT,
-             join({checks, root(withSudo, {"perl", entry, "--get-content-list"}),
-                   {{"cat", "/srv/a b;$(x).tar"}}, root(withSudo, {"xargs", "-0", "rm", "-f", "--"})})},
+            {ACTION_DUMP_ALL, join({checks,
+                                    root(withSudo, {"perl", entry, "--dump-all"}),
+                                    take(kDir + "/dump.xml"),
+                                    {{"cat", kDir + "/dump.xml"}}})},
+            {ACTION_GET_CONTENT, join({checks,
+                                       root(withSudo, {"perl", entry, "--get-content-list"}),
+                                       {{"cat", "/srv/a b;$(x).tar"}},
+                                       root(withSudo, {"xargs", "-0", "rm", "-f", "--"})})},
             {ACTION_REMOVE_AGENT, join({checks, root(withSudo, {"rm", "-rf", kDir})})},
             {ACTION_REMOVE_DUMPING_STATUS, {}},
         };
@@ -143,12 +145,13 @@ TEST(Actions, SendExactlyTheseCommandsWithAndWithoutSudo) {
             ActionRun run(row.action, withSudo);
             run.env->remoteFiles[kDir + "/dump.xml"] = "<dump/>";
             run.env->remoteFiles["/srv/a b;$(x).tar"] = "data";
-            run.env->answer("--get-content-list",
-                            {0,
-                             "<contentlist><file size='4' md5sum='8d777f385d3dfec8815d20f7496026dc'>"
-                             "/srv/a b;$(x).tar</file></contentlist>",
-                             "",
-                             {}});
+            run.env->answer(
+                "--get-content-list",
+                {0,
+                 "<contentlist><file size='4' md5sum='8d777f385d3dfec8815d20f7496026dc'>"
+                 "/srv/a b;$(x).tar</file></contentlist>",
+                 "",
+                 {}});
             ASSERT_EQ("", run()) << row.action;
             EXPECT_EQ(row.expected, run.sent()) << "action " << row.action << " sudo " << withSudo;
         }
@@ -165,8 +168,8 @@ TEST(Actions, ReportProgressInThisOrder) {
     auto transfer = [&](const std::string& speed, std::string files) {
         const size_t comma = files.find(',');
         if (comma != std::string::npos) {
-            files = "files[total=2,left=" + files.substr(0, comma) + ",size-total=7,size-left=" +
-                    files.substr(comma + 1);
+            files = "files[total=2,left=" + files.substr(0, comma) +
+                    ",size-total=7,size-left=" + files.substr(comma + 1);
         }
         return "migration-status(transfer" + speed + "(" + host + "," + files + "))";
     };
@@ -234,10 +237,18 @@ TEST(Actions, FailWithTheirOwnKindAndExitCode) {
         {ACTION_DUMP_ALL, false, "--dump-all", {1, "", "", {}}, "CantRetrieveDumpFile", 2},
         {ACTION_DUMP_ALL, false, "dump.xml", {1, "", "gone", {}}, "CantRetrieveDumpFile", 2},
         {ACTION_DUMP_ALL, true, "chown", {1, "", "", {}}, "CantTakeFileOwnership", 2},
-        {ACTION_GET_CONTENT, false, "--get-content-list", {1, "", "", {}},
-         "CantRetrieveContentList", 2},
-        {ACTION_GET_CONTENT, false, "--get-content-list", {0, "<contentlist><file/>", "", {}},
-         "CantRetrieveContentList", 2},
+        {ACTION_GET_CONTENT,
+         false,
+         "--get-content-list",
+         {1, "", "", {}},
+         "CantRetrieveContentList",
+         2},
+        {ACTION_GET_CONTENT,
+         false,
+         "--get-content-list",
+         {0, "<contentlist><file/>", "", {}},
+         "CantRetrieveContentList",
+         2},
         {ACTION_GET_CONTENT, false, "a.tar", {0, "", "", lost}, "SshConnectionFault", 18},
         {ACTION_GET_CONTENT, false, "cat /a/a.tar", {0, "short", "", {}}, "WrongMd5Sum", 2},
         {ACTION_REMOVE_AGENT, true, "rm -rf", {0, "", "", lost}, "", 0},
@@ -247,7 +258,8 @@ TEST(Actions, FailWithTheirOwnKindAndExitCode) {
         run.env->remoteFiles[kDir + "/dump.xml"] = "<dump/>";
         run.env->remoteFiles["/a/a.tar"] = "data!";
         run.env->answer(row.match, row.reply);
-        if (row.action == ACTION_GET_CONTENT) run.env->answer("--get-content-list", {0, list, "", {}});
+        if (row.action == ACTION_GET_CONTENT)
+            run.env->answer("--get-content-list", {0, list, "", {}});
         EXPECT_EQ(row.code, run()) << row.action << " " << row.match;
         EXPECT_EQ(row.exitCode, run.exitCode) << row.action << " " << row.match;
         EXPECT_TRUE(run.env->deleted.empty()) << "a source was deleted";
@@ -282,7 +294,12 @@ TEST(Actions, ContentIsVerifiedResumedAndOnlyThenDeleted) {
         {"stale partial", "xa", 4, "", {"tail -c +3 /a/x.tar", "cat /a/x.tar"}, "data", true},
         {"longer than listed", "datax", 4, "", {"cat /a/x.tar"}, "data", true},
         {"listed size wrong, sum right", "-", 9, "", {"cat /a/x.tar"}, "data", true},
-        {"changed on the source", "-", 4, "WrongMd5Sum", {"cat /a/x.tar", "cat /a/x.tar"}, "-",
+        {"changed on the source",
+         "-",
+         4,
+         "WrongMd5Sum",
+         {"cat /a/x.tar", "cat /a/x.tar"},
+         "-",
          false},
     };
     for (const auto& row : rows) {
@@ -361,7 +378,8 @@ TEST(Actions, DeploymentUploadsTheTreesAndAsksTheAgent) {
         run.env->answer("--get-status", {0, "<agentstatus/>", "", {}});
         ASSERT_EQ("", run());
         const std::vector<std::string> sudo =
-            withSudo ? std::vector<std::string>{"sudo", "-S", "-p", " "} : std::vector<std::string>{};
+            withSudo ? std::vector<std::string>{"sudo", "-S", "-p", " "}
+                     : std::vector<std::string>{};
         auto root = [&](std::vector<std::string> words) {
             Commands c = {{"cd", kDir}};
             if (withSudo) c.push_back({"sudo", "-k"});
@@ -375,13 +393,13 @@ TEST(Actions, DeploymentUploadsTheTreesAndAsksTheAgent) {
             for (const auto& c : root({"chown", "mover", kDir})) expected.push_back(c);
             expected.push_back({"cat>", kDir + file});
         }
-        const std::string ask = "cd " + sh_quote(kDir) + " && perl " + sh_quote(kDir + "/run.pl") +
-                                " --get-status";
+        const std::string ask =
+            "cd " + sh_quote(kDir) + " && perl " + sh_quote(kDir + "/run.pl") + " --get-status";
         if (withSudo) {
             for (const auto& c : root({"sh", "-c", ask})) expected.push_back(c);
         } else {
-            for (const auto& c : Commands{{"cd", kDir}, {"cd", kDir}, {"perl", kDir + "/run.pl",
-                                                                          "--get-status"}}) {
+            for (const auto& c :
+                 Commands{{"cd", kDir}, {"cd", kDir}, {"perl", kDir + "/run.pl", "--get-status"}}) {
                 expected.push_back(c);
             }
         }

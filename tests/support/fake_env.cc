@@ -113,9 +113,9 @@ int FakeEnv::exec(const std::string& command, std::istream& in, std::ostream& ou
     for (auto& file : remoteFiles) {
         const std::string quoted = " " + sh_quote(file.first);
         size_t from = 0;
-        const bool tail = command.compare(0, 9, "tail -c +") == 0 &&
-                          command.size() > quoted.size() &&
-                          command.compare(command.size() - quoted.size(), quoted.size(), quoted) == 0;
+        const bool tail =
+            command.compare(0, 9, "tail -c +") == 0 && command.size() > quoted.size() &&
+            command.compare(command.size() - quoted.size(), quoted.size(), quoted) == 0;
         if (tail) from = std::stoul(command.substr(9)) - 1;
         if (tail || command == "cat" + quoted) {
             const std::string part = from < file.second.size() ? file.second.substr(from) : "";
