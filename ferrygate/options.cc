@@ -40,6 +40,7 @@ enum OptionId {
     OPT_ONLY_MAIL,
     OPT_ONLY_HOSTING,
     OPT_CONTENT_TRANSPORT,
+    OPT_PROGRESS,
 };
 
 const struct option kLongOptions[] = {
@@ -73,6 +74,7 @@ const struct option kLongOptions[] = {
     {"only-mail", no_argument, nullptr, OPT_ONLY_MAIL},
     {"only-hosting", no_argument, nullptr, OPT_ONLY_HOSTING},
     {"content-transport", required_argument, nullptr, OPT_CONTENT_TRANSPORT},
+    {"progress", no_argument, nullptr, OPT_PROGRESS},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -211,6 +213,9 @@ bool parse_options(int argc, char** argv, config* cfg) {
                 break;
             case OPT_CONTENT_TRANSPORT:
                 cfg->contentTransport = optarg;
+                break;
+            case OPT_PROGRESS:
+                cfg->progress = true;
                 break;
             default:
                 return false;  // getopt_long has printed its diagnostic

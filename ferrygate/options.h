@@ -60,6 +60,8 @@ struct config {
     bool verbose = false;
     opt_backup_filter filter = FILTER_EVERYTHING;
     std::string contentTransport;
+    // A progress line on standard error during long transfers, when that is a terminal.
+    bool progress = false;
 };
 
 // Fills `cfg` from the arguments, HMX_PASSWORD (always, then removed from the environment) and
