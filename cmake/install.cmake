@@ -6,6 +6,10 @@
 
 include(GNUInstallDirs)
 
+# --version prints the project version; the package and the installed manual carry it too.
+set_source_files_properties(${CMAKE_SOURCE_DIR}/ferrygate/ferrygate.cc PROPERTIES
+  COMPILE_DEFINITIONS FERRYGATE_VERSION="${PROJECT_VERSION}")
+
 # CMake's own default, /usr/local, would scatter the data as /usr/local/RKU; build trees configured
 # before this rule existed still carry it in their cache.
 if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT OR CMAKE_INSTALL_PREFIX STREQUAL "/usr/local")

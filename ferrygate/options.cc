@@ -74,6 +74,7 @@ const struct option kLongOptions[] = {
     {"only-mail", no_argument, nullptr, OPT_ONLY_MAIL},
     {"only-hosting", no_argument, nullptr, OPT_ONLY_HOSTING},
     {"content-transport", required_argument, nullptr, OPT_CONTENT_TRANSPORT},
+    {"version", no_argument, nullptr, ACTION_VERSION},
     {"progress", no_argument, nullptr, OPT_PROGRESS},
     {nullptr, 0, nullptr, 0},
 };
@@ -139,7 +140,7 @@ void verifyConnectionOptions(const config& cfg) {
 
 }  // namespace
 
-bool isAction(int id) { return id >= ACTION_SEND_SCOUT && id <= ACTION_HELP; }
+bool isAction(int id) { return id >= ACTION_SEND_SCOUT && id <= ACTION_VERSION; }
 
 bool is_sudo_password_provided() { return sudoPasswordProvided; }
 
