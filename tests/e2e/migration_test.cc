@@ -19,6 +19,7 @@
 #include "commons/debug_log.h"
 #include "ferrygate/dispatch.h"
 #include "ferrygate/session.h"
+#include "ssh/shell_quote.h"
 #include "support/migration_host.h"
 #include "support/relay_process.h"
 
@@ -337,6 +338,29 @@ TEST_F(Content, AStoppedDownloadEndsInOrderAndTheRerunFetchesOnlyTheRest) {
         std::string::npos,
         readFile(sessionFile("migration.log")).find("tail -c +" + std::to_string(kept + 1) + " "))
         << "resumed at " << kept << " of " << size;
+}
+
+// An operator at a terminal sees the download move; a controlling process sees nothing new.
+TEST_F(Content, ProgressIsDrawnOnATerminalAndNowhereElse) {
+    deployAndDump();
+    ProcessResult r = ferrygate({"--get-content", "--progress"});
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_EQ("", r.out + r.err);
+    addRandomFile("shop.test/big.bin", 2 << 20);  // a second or so through the relay
+    deployAndDump();
+    RelayProcess slow(port(), {"--rate-down", "2000000"});
+    std::string line = FERRYGATE_BINARY;
+    for (const std::string& arg : std::vector<std::string>{
+             "--host=127.0.0.1", "--port=" + std::to_string(slow.port()), "--login=" + user(),
+             "--session-path=" + session_, "--agent-dir=" + remoteAgent_, "--agent-name=hostdump",
+             "--get-content", "--progress"}) {
+        line += " " + sh_quote(arg);
+    }
+    r = runProcess({"/usr/bin/script", "-qec", line, "/dev/null"}, "",
+                   {"HMX_PASSWORD=" + password()});
+    ASSERT_EQ(0, r.status) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("\rfile ")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find(" left")) << r.out;
 }
 
 // A source that changed after the agent listed it (same size, same time, other bytes) is never
