@@ -36,6 +36,12 @@ LIBSSH2_SESSION* newSession() {
     return libssh2_session_init_ex(nullptr, nullptr, nullptr, nullptr);
 }
 
+// Releases what the library allocated for the caller.
+struct LibraryFree {
+    LIBSSH2_SESSION* session;
+    void operator()(const void* memory) const { libssh2_free(session, const_cast<void*>(memory)); }
+};
+
 bool contains(const std::vector<std::string>& words, const std::string& word) {
     return std::find(words.begin(), words.end(), word) != words.end();
 }
@@ -119,13 +125,11 @@ void Channel::waitClosed() {
 int Channel::exitStatus() {
     char* name = nullptr;
     size_t length = 0;
-    if (libssh2_channel_get_exit_signal(channel_, &name, &length, nullptr, nullptr, nullptr,
-                                        nullptr) != 0 ||
-        name == nullptr) {
-        return libssh2_channel_get_exit_status(channel_);
-    }
+    const int rc = libssh2_channel_get_exit_signal(channel_, &name, &length, nullptr, nullptr,
+                                                   nullptr, nullptr);
+    const std::unique_ptr<char, LibraryFree> owned(name, LibraryFree{session_.get()});
+    if (rc != 0 || name == nullptr) return libssh2_channel_get_exit_status(channel_);
     const std::string signal(name, length);
-    libssh2_free(session_.get(), name);
     // As shells report it.
     for (int number = 1; number < NSIG; ++number) {
         const char* abbreviation = sigabbrev_np(number);
@@ -218,8 +222,8 @@ void Session::preferNoEncryption() {
     const char** algorithms = nullptr;
     const int count =
         libssh2_session_supported_algs(session_.get(), LIBSSH2_METHOD_CRYPT_CS, &algorithms);
-    std::vector<std::string> supported(algorithms, algorithms + std::max(count, 0));
-    if (algorithms != nullptr) libssh2_free(session_.get(), algorithms);
+    const std::unique_ptr<const char*, LibraryFree> owned(algorithms, LibraryFree{session_.get()});
+    const std::vector<std::string> supported(algorithms, algorithms + std::max(count, 0));
     if (!contains(supported, "none")) {
         logger.warn("The SSH library cannot disable encryption: the session stays encrypted");
         return;
