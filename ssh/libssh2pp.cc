@@ -16,6 +16,7 @@
 #include <log4cpp/Category.hh>
 #include <vector>
 
+#include "commons/checksum.h"
 #include "utils/read_configuration.h"
 
 namespace tavik {
@@ -276,6 +277,7 @@ void Session::waitForSocket(Clock::time_point giveUp) {
         if (left <= 0) break;
         const int ready = ::poll(&entry, 1, static_cast<int>(std::min<long long>(left, INT_MAX)));
         if (ready > 0) return;
+        if (ready < 0 && errno == EINTR) checkProgramTerminated();
         if (ready < 0 && errno != EINTR) {
             logger.error(std::string("Cannot wait for the remote host: ") + strerror(errno));
             TAVIK_RAISE(SshConnectionFault);

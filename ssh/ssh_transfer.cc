@@ -6,6 +6,7 @@
 #include <log4cpp/CategoryStream.hh>
 #include <sstream>
 
+#include "commons/checksum.h"
 #include "commons/socket.h"
 #include "commons/unique_fd.h"
 #include "ssh/libssh2pp.h"
@@ -150,6 +151,8 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
 
     Clock::time_point lastAlarm = started;
     for (;;) {
+        // A stop request ends a silent command too, within one wait.
+        checkProgramTerminated();
         if (channel->eof()) {
             // The library reports EOF only once no data is queued; whatever a future version
             // might still hold back is moved out before the command counts as finished.

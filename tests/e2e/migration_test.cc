@@ -246,6 +246,16 @@ TEST_F(Content, ALongDumpRefreshesTheSessionsDumpingStatus) {
     dump.join();
     ASSERT_EQ(0, r.status) << r.err;
     EXPECT_GE(seen.size(), 2u) << readFile(sessionFile("migration.log"));
+
+    // A stop ends even a dump during which nothing moves, within a wait.
+    std::thread stopped([&] { r = ferrygate({"--dump-all"}); });
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    const auto asked = std::chrono::steady_clock::now();
+    runProcess({"/usr/bin/pkill", "-TERM", "-f", "session-path=" + session_});
+    stopped.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(5));
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_EQ("Migration has been terminated", r.out);
 }
 
 // Into --dumps-dir: only when it fits (--no-check-space on a disk too small is the fault matrix's
