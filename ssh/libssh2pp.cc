@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <exception>
 #include <log4cpp/Category.hh>
 #include <vector>
 
@@ -83,6 +84,12 @@ Channel::Channel(Session& session, LIBSSH2_CHANNEL* channel)
 
 Channel::~Channel() {
     logger.info("Closed");
+    // A command abandoned by a failure or a stop is not waited for: one attempt, and the session
+    // frees whatever is left at its end.
+    if (std::uncaught_exceptions() > 0) {
+        libssh2_channel_free(channel_);
+        return;
+    }
     try {
         session_.complete([this] { return libssh2_channel_free(channel_); },
                           Clock::now() + std::chrono::seconds(5));
