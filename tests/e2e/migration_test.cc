@@ -89,6 +89,20 @@ class Migration : public MigrationTest {
         }
     }
 
+    // Runs ferrygate with `args` and, once `ready` returns, asks it to stop as a controlling
+    // process does (SIGTERM); the run must then end within five seconds.
+    template <class Ready>
+    ProcessResult stopWhen(const std::vector<std::string>& args, Ready ready) {
+        ProcessResult r;
+        std::thread run([&] { r = ferrygate(args); });
+        ready();
+        const auto asked = std::chrono::steady_clock::now();
+        runProcess({"/usr/bin/pkill", "-TERM", "-f", "session-path=" + session_});
+        run.join();
+        EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(5));
+        return r;
+    }
+
     // The whole migration, one run per action, checking what each leaves behind.
     void migrate(bool sudo) {
         // Every action succeeds and leaves the status idle and a successful result.
@@ -248,12 +262,7 @@ TEST_F(Content, ALongDumpRefreshesTheSessionsDumpingStatus) {
     EXPECT_GE(seen.size(), 2u) << readFile(sessionFile("migration.log"));
 
     // A stop ends even a dump during which nothing moves, within a wait.
-    std::thread stopped([&] { r = ferrygate({"--dump-all"}); });
-    std::this_thread::sleep_for(std::chrono::seconds(2));
-    const auto asked = std::chrono::steady_clock::now();
-    runProcess({"/usr/bin/pkill", "-TERM", "-f", "session-path=" + session_});
-    stopped.join();
-    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(5));
+    r = stopWhen({"--dump-all"}, [] { std::this_thread::sleep_for(std::chrono::seconds(2)); });
     EXPECT_EQ(0, r.status) << r.err;
     EXPECT_EQ("Migration has been terminated", r.out);
 }
@@ -312,19 +321,13 @@ TEST_F(Content, AStoppedDownloadEndsInOrderAndTheRerunFetchesOnlyTheRest) {
     const std::string name = "shop.test_site.tar.gz";
     const std::string copy = sessionFile(name);
     RelayProcess slow(port(), {"--rate-down", "2000000"});
-    ProcessResult r;
-    std::thread run([&] {
-        r = ferrygate({"--get-content", "--port=" + std::to_string(slow.port())});
+    ProcessResult r = stopWhen({"--get-content", "--port=" + std::to_string(slow.port())}, [&] {
+        const auto start = std::chrono::steady_clock::now();
+        while (!(fs::exists(copy) && fs::file_size(copy) > (1 << 20)) &&
+               std::chrono::steady_clock::now() - start < std::chrono::seconds(30)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
     });
-    const auto start = std::chrono::steady_clock::now();
-    while (!(fs::exists(copy) && fs::file_size(copy) > (1 << 20)) &&
-           std::chrono::steady_clock::now() - start < std::chrono::seconds(30)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    const auto stopped = std::chrono::steady_clock::now();
-    runProcess({"/usr/bin/pkill", "-TERM", "-f", "session-path=" + session_});
-    run.join();
-    EXPECT_LT(std::chrono::steady_clock::now() - stopped, std::chrono::seconds(5));
     ASSERT_EQ(0, r.status) << r.err;
     EXPECT_EQ("Migration has been terminated", r.out);
     EXPECT_NE(std::string::npos, readFile(sessionFile("migration.result")).find("success"));
