@@ -3,6 +3,7 @@
 // else unset), every further line is one argument.
 #include <getopt.h>
 
+#include <boost/algorithm/string.hpp>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -13,8 +14,6 @@
 #include "tests/fuzz/fuzz_support.h"
 
 namespace {
-
-using tavik::fuzz::splitLines;
 
 const char kSudoPassword[] = "Fz-sudo-9f3e1a";
 // The login password reader keeps its first value for the process: every run gets this one.
@@ -65,8 +64,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    std::vector<std::string> lines =
-        splitLines(std::string(reinterpret_cast<const char*>(data), size));
+    std::vector<std::string> lines;
+    boost::split(lines, std::string(reinterpret_cast<const char*>(data), size),
+                 boost::is_any_of("\n"));
     setenv("HMX_PASSWORD", kLoginPassword, 1);
     const bool sudoInEnvironment = lines[0] == "env:sudo" || lines[0] == "env:sudo-empty";
     if (lines[0] == "env:sudo") {
