@@ -2,20 +2,38 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <log4cpp/Category.hh>
+#include <log4cpp/OstreamAppender.hh>
 #include <regex>
 #include <sstream>
 #include <thread>
 
 #include "ssh/libssh2pp.h"
 #include "ssh/ssh_transfer.h"
-#include "support/log_capture.h"
 #include "support/relay_process.h"
 #include "support/sshd_fixture.h"
 
 namespace tavik {
 namespace {
 
-using testing::LogCapture;
+// Every line logged on a log4cpp category while it lives, at every priority.
+class LogCapture {
+  public:
+    explicit LogCapture(const std::string& category)
+        : category_(log4cpp::Category::getInstance(category)),
+          appender_(new log4cpp::OstreamAppender("capture", &lines_)) {
+        category_.addAppender(appender_);  // the category owns the appender from here
+        category_.setPriority(log4cpp::Priority::DEBUG);
+    }
+    ~LogCapture() { category_.removeAppender(appender_); }
+    LogCapture(const LogCapture&) = delete;
+    std::string text() const { return lines_.str(); }
+
+  private:
+    std::ostringstream lines_;
+    log4cpp::Category& category_;
+    log4cpp::Appender* appender_;
+};
 
 int countMatches(const std::string& text, const std::string& pattern) {
     const std::regex re(pattern);
