@@ -23,8 +23,6 @@ struct SshdOptions {
     std::string auth = "password,keyboard-interactive";
     // Also offer the legacy key exchange diffie-hellman-group1-sha1.
     bool compat = false;
-    // Login shell of the account; empty means /bin/bash.
-    std::string shell;
     // The one address the server listens on.
     std::string address = "127.0.0.1";
 };
@@ -45,7 +43,7 @@ class SshdServer {
     const std::string& home() const { return home_; }
 
     // Runs `command` with /bin/sh -c as the test account in its home directory.
-    ProcessResult runAsUser(const std::string& command, const std::string& input = "") const;
+    ProcessResult runAsUser(const std::string& command) const;
     // Kills every per-connection process and what runs below it, as a crash of the server side
     // of every connection would; the listener keeps running.
     void killSessions() const;
