@@ -180,6 +180,47 @@ TEST_F(Faults, ALineThatGoesSilentOrIsCutFailsAndARerunCompletes) {
     for (const auto& file : files) EXPECT_EQ(file.md5, md5OfFile(sessionFile(file.name)));
 }
 
+// Slow and stalling lines are no faults: a stall at the start of the handshake, twenty dumps at
+// 100 ms round trip, and every action at 700 ms, through sudo, all end normally.
+TEST_F(Faults, EveryActionEndsNormallyOnSlowAndStallingLines) {
+    ASSERT_EQ(0, ferrygate({"--deploy-agent"}).status);
+    const struct {
+        std::vector<std::string> rules;
+        std::vector<std::string> actions;
+        int times;
+        int seconds;  // that each run takes at least: the rules held
+    } lines[] = {
+        {{"--stall-down-at", "0", "--stall-ms", "6000"}, {"--dump-all"}, 1, 6},
+        {{"--delay-up-ms", "50", "--delay-down-ms", "50"}, {"--dump-all"}, 20, 1},
+        {{"--delay-up-ms", "350", "--delay-down-ms", "350"},
+         {"--send-scout", "--dump-all", "--get-content", "--remove-agent"},
+         1,
+         5},
+    };
+    for (const auto& line : lines) {
+        RelayProcess relay(port(), line.rules);
+        for (int run = 0; run < line.times; ++run) {
+            for (const std::string& action : line.actions) {
+                SCOPED_TRACE(line.rules[1] + " " + action + ", run " + std::to_string(run));
+                const auto start = Clock::now();
+                const ProcessResult r =
+                    ferrygate({action, "--port=" + std::to_string(relay.port())}, true);
+                ASSERT_EQ(0, r.status) << r.err;
+                EXPECT_GE(Clock::now() - start, std::chrono::seconds(line.seconds));
+                if (action == "--dump-all") {
+                    EXPECT_EQ(readFile(remoteAgent_ + "/dump.xml"),
+                              readFile(sessionFile("dump.xml")));
+                }
+            }
+        }
+    }
+    // The content of the last dump arrived whole.
+    for (const auto& file : dumpArchives()) {
+        EXPECT_EQ(file.md5, md5OfFile(sessionFile(file.name)));
+    }
+    EXPECT_FALSE(fs::exists(remoteAgent_));
+}
+
 // A rerun resumes the partial copy: the actions' resume test and the stopped download's rerun.
 TEST_F(Faults, AFullDiskFailsTheDownloadAndKeepsWhatArrived) {
     addRandomFile("shop.test/big.bin", 1 << 20);
