@@ -1,5 +1,6 @@
 // The readers of agents' documents on arbitrary text (the first byte chooses the reader): they
-// refuse only with a tagged exception or the number parser's error, and read alike every time.
+// refuse only with a tagged exception or the number parser's error, read alike every time, and
+// never give back more text than they were given.
 #include <boost/lexical_cast.hpp>
 #include <functional>
 #include <string>
@@ -36,8 +37,13 @@ std::string readDocument(uint8_t which, const std::string& text) {
         case 0: {
             const auto list = tavik::getFileList(text);
             std::string out;
-            for (const tavik::DumpFile& f : list->getFileList())
+            size_t taken = 0;
+            for (const tavik::DumpFile& f : list->getFileList()) {
                 out += f.name + "|" + to_string(f.size) + "|" + f.md5 + "\n";
+                taken += f.name.size() + f.md5.size();
+            }
+            // Every name and sum is text of the list itself: nothing the list declares expands.
+            FUZZ_CHECK(taken <= text.size());
             return out + fields({[&] { return to_string(list->getTotalSize()); },
                                  [&] { return to_string(list->getUnpackedSize()); }});
         }
