@@ -2,6 +2,8 @@
 // progress, and which failure each mistake of the source host becomes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <iostream>
 #include <memory>
 #include <sstream>
@@ -10,6 +12,7 @@
 #include "ferrygate/dispatch.h"
 #include "ssh/shell_quote.h"
 #include "support/fake_env.h"
+#include "support/log_capture.h"
 #include "support/process.h"
 #include "support/xml_render.h"
 
@@ -357,17 +360,45 @@ TEST(Actions, FilesFetchedTogetherFallBackToOneByOne) {
     EXPECT_EQ((std::vector<std::string>{"/a/1", "/a/2", "/a/3"}), run.env->deleted);
 }
 
-// Two sources that would share one local copy are refused before anything moves.
-TEST(Actions, ContentListsWithTwoEntriesForOneCopyAreRefused) {
-    ActionRun run(ACTION_GET_CONTENT);
-    run.env->answer("--get-content-list",
-                    {0,
-                     "<contentlist><file size='1' md5sum='x'>/a/site.tar</file>"
-                     "<file size='1' md5sum='y'>/b/site.tar</file></contentlist>",
-                     "",
-                     {}});
-    EXPECT_EQ("CantRetrieveContentList", run());
-    EXPECT_EQ(1u, run.env->commands().size());
+// Standard input carries sudo's password and, for rsync, the login's, each as a line of its own:
+// the source host gets them, the log gets them masked, however short they are.
+TEST(Actions, PasswordLinesOfTheInputAreMaskedWhereTheInputIsLogged) {
+    ActionRun run(ACTION_DUMP_ALL, true);
+    run.env->cfg.sudoPassword = "p";
+    run.env->cfg.password = "1";
+    run.env->cfg.contentTransport = "rsync";
+    run.env->cfg.host = "h1";
+    run.env->cfg.login = "pp";
+    run.env->remoteFiles[kDir + "/dump.xml"] = "<dump/>";
+    testing::LogCapture log("p.Action");
+    ASSERT_EQ("", run());
+    const auto dump = std::find_if(run.env->calls.begin(), run.env->calls.end(), [](auto& call) {
+        return call.command.find("--dump-all") != std::string::npos;
+    });
+    ASSERT_NE(run.env->calls.end(), dump);
+    EXPECT_EQ("p\nh1\npp\n1\n0\n", dump->input);
+    EXPECT_NE(std::string::npos, log.text().find("remote stdin <- ***\nh1\npp\n***\n0\n"))
+        << log.text();
+}
+
+// Lists that would lose a file or exhaust this host are refused before anything moves: two
+// sources sharing one local copy, and an entity that would expand to a gigabyte.
+TEST(Actions, HostileContentListsAreRefusedBeforeAnythingMoves) {
+    std::string flat = "<!DOCTYPE contentlist [<!ENTITY e \"" + std::string(100 * 1024, 'x') +
+                       "\">]><contentlist><file size='1' md5sum='x'>";
+    for (int i = 0; i < 10000; ++i) flat += "&e;";
+    for (const std::string& list :
+         {std::string("<contentlist><file size='1' md5sum='x'>/a/site.tar</file>"
+                      "<file size='1' md5sum='y'>/b/site.tar</file></contentlist>"),
+          flat + "</file></contentlist>"}) {
+        ActionRun run(ACTION_GET_CONTENT);
+        run.env->answer("--get-content-list", {0, list, "", {}});
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ("CantRetrieveContentList", run());
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+        EXPECT_EQ(1u, run.env->commands().size());
+        EXPECT_TRUE(run.env->deleted.empty());
+    }
 }
 
 // Each tree is walked onto the agent directory: directories made and given to the login, files

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "support/sandbox_env.h"
-#include "utils/liblog.h"
 #include "utils/read_configuration.h"
 
 namespace {
@@ -46,20 +45,28 @@ TEST(ConfigurationReader, TrailingWhiteSpaceFollowsTheTogglingRule) {
     }
 }
 
-TEST(ConfigurationReader, RejectedLinesAreLoggedAndLaterDefinitionsWin) {
-    tavik_log_init("console", 12, 0, 0, nullptr);
-    ::testing::internal::CaptureStderr();
+TEST(ConfigurationReader, RejectedLinesAreReportedWithTheirPlaceAndLaterDefinitionsWin) {
+    std::vector<std::string> reports;
+    const conf_message_sink keep = [](void* to, const char* message) {
+        static_cast<std::vector<std::string>*>(to)->push_back(message);
+    };
+    tavik::testing::ScratchDir dir;
+    const std::string path = dir.path() + "/conf";
+    writeTextFile(path, "# comment\n   \nEQ=1\nNOVALUE  \nHASH #x\n  _U_9 ok\nK 1\nK 2\n");
     Store store;
-    EXPECT_EQ(0, store.read("# comment\n   \nEQ=1\nNOVALUE  \nHASH #x\n  _U_9 ok\nK 1\nK 2\n"));
+    EXPECT_EQ(0, conf_read_file_to(path.c_str(), store.conf, keep, &reports));
+    EXPECT_EQ(-1, conf_read_file_to("/nonexistent/hmx.conf", store.conf, keep, &reports));
     EXPECT_EQ(
-        "Invalid variable definition EQ=1\n\nExpected a space after variable name\n\n"
-        "Invalid variable definition NOVALUE  \n\nExpected a value\n"
-        "Invalid variable definition HASH #x\n\nExpected a value\n",
-        ::testing::internal::GetCapturedStderr());
+        (std::vector<std::string>{
+            path + ":3: Invalid variable definition EQ=1: expected a space after variable name",
+            path + ":4: Invalid variable definition NOVALUE  : expected a value",
+            path + ":5: Invalid variable definition HASH #x: expected a value",
+            "unable to open configuration file /nonexistent/hmx.conf: No such file or "
+            "directory"}),
+        reports);
     EXPECT_EQ(2u, store.conf->nmemb);
     EXPECT_EQ("ok", store["_U_9"]);
     EXPECT_EQ("2", store["K"]);
-    EXPECT_EQ(-1, conf_read_file_r("/nonexistent/hmx.conf", store.conf));
 }
 
 }  // namespace
