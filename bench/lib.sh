@@ -10,8 +10,11 @@
 bench_sandbox() {
     [ "${FERRYGATE_SANDBOXED:-}" = 1 ] && return 0
     [ "$(id -u)" -eq 0 ] || { echo "$(basename "$1"): run as root" >&2; exit 1; }
-    command -v sshpass >/dev/null || apt-get install -y -qq sshpass >/dev/null
-    command -v rsync >/dev/null || apt-get install -y -qq rsync >/dev/null
+    # Listed in scripts/install-deps.sh too; here for a machine that only runs the benchmarks.
+    if ! command -v sshpass >/dev/null || ! command -v rsync >/dev/null; then
+        apt-get update -qq
+        apt-get install -y -qq --no-install-recommends sshpass rsync >/dev/null
+    fi
     exec bash "$here/scripts/sandbox.sh" bash "$@"
 }
 

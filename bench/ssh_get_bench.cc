@@ -23,8 +23,6 @@
 #include "ssh/shell_quote.h"
 #include "ssh/ssh_transfer.h"
 
-using tavik::libssh2pp::Channel;
-
 int main(int argc, char** argv) {
     const char* password = std::getenv("FERRYGATE_BENCH_PASSWORD");
     if ((argc != 6 && argc != 7) || password == nullptr) {
@@ -44,19 +42,17 @@ int main(int argc, char** argv) {
             if (window == 0) {
                 ssh.get(local, remote);
             } else {
-                Channel channel(libssh2_channel_open_ex(session, "session", 7, window,
-                                                        std::min(32768u, window / 4), nullptr, 0));
-                const std::string command = "cat " + tavik::sh_quote(remote);
-                libssh2_channel_process_startup(channel.get(), "exec", 4, command.data(),
-                                                command.size());
-                libssh2_channel_send_eof(channel.get());
+                const auto channel =
+                    ssh.session().openChannel(window, std::min(32768u, window / 4));
+                channel->exec("cat " + tavik::sh_quote(remote));
+                channel->sendEof();
                 std::ofstream out(local, std::ios::binary | std::ios::trunc);
                 char buffer[65536];
-                while (!libssh2_channel_eof(channel.get())) {
-                    ssh.session().waitForInput(channel, 1000);
-                    out.write(buffer, channel.readQueued(0, buffer, sizeof buffer));
+                while (!channel->eof()) {
+                    ssh.session().waitForInput(*channel, 1000);
+                    out.write(buffer, channel->readQueued(0, buffer, sizeof buffer));
                 }
-                libssh2_channel_wait_closed(channel.get());
+                channel->waitClosed();
             }
             const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
             const double mb = boost::filesystem::file_size(local) / 1e6;

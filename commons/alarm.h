@@ -1,11 +1,11 @@
-// Work that a long remote command lets run on the main thread between two of its waits.
+// Work that runs on the main thread while a long remote command is waited for.
 #ifndef FERRYGATE_COMMONS_ALARM_H
 #define FERRYGATE_COMMONS_ALARM_H
 
 namespace tavik {
 
-// A signal handler may only hand an Alarm over (Ssh::setAlarm); the transport calls doAlarm()
-// later from its command loop, where any work, remote commands included, is safe.
+// Handed to the transport with Ssh::setAlarm, which calls doAlarm() from its command loop on a
+// clock of its own, where any work, remote commands included, is safe.
 class Alarm {
   public:
     virtual ~Alarm();

@@ -60,13 +60,19 @@ const FileOwner& adminAccount() {
 }
 
 void replaceFile(const std::string& target, const FileOwner& owner,
-                 const std::function<void(const std::string& temporary)>& write) {
+                 const std::function<void(const std::string& temporary)>& write, bool durable) {
     const boost::filesystem::path path(target);
     std::string directory = path.parent_path().string();
     // A bare name lives in the current directory: the rename must not cross file systems.
     if (directory.empty()) directory = ".";
     TemporaryFile temporary(RKU_getTempFileName(directory, path.filename().string()));
     write(temporary.path());
+    if (durable) {
+        UniqueFd fd(::open(temporary.path().c_str(), O_RDONLY | O_CLOEXEC));
+        if (!fd.valid() || ::fsync(fd.get()) != 0) {
+            TAVIK_RAISE(FileWrite, target, std::strerror(errno));
+        }
+    }
     if (chown(temporary.path().c_str(), owner.uid, owner.gid) != 0) {
         TAVIK_RAISE(CantTakeFileOwnership, temporary.path(), std::strerror(errno));
     }
@@ -76,21 +82,23 @@ void replaceFile(const std::string& target, const FileOwner& owner,
 
 void replaceFileText(const std::string& target, const FileOwner& owner, const std::string& text,
                      bool durable) {
-    replaceFile(target, owner, [&](const std::string& temporary) {
-        UniqueFd fd(::open(temporary.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
-        if (!fd.valid()) TAVIK_RAISE(FileWrite, target, std::strerror(errno));
-        const char* data = text.data();
-        size_t left = text.size();
-        while (left > 0) {
-            const ssize_t n = ::write(fd.get(), data, left);
-            if (n < 0 && errno == EINTR) continue;
-            if (n < 0) TAVIK_RAISE(FileWrite, target, std::strerror(errno));
-            data += n;
-            left -= static_cast<size_t>(n);
-        }
-        if (durable && ::fsync(fd.get()) != 0) TAVIK_RAISE(FileWrite, target, std::strerror(errno));
-        if (fd.close() != 0) TAVIK_RAISE(FileWrite, target, std::strerror(errno));
-    });
+    replaceFile(
+        target, owner,
+        [&](const std::string& temporary) {
+            UniqueFd fd(::open(temporary.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+            if (!fd.valid()) TAVIK_RAISE(FileWrite, target, std::strerror(errno));
+            const char* data = text.data();
+            size_t left = text.size();
+            while (left > 0) {
+                const ssize_t n = ::write(fd.get(), data, left);
+                if (n < 0 && errno == EINTR) continue;
+                if (n < 0) TAVIK_RAISE(FileWrite, target, std::strerror(errno));
+                data += n;
+                left -= static_cast<size_t>(n);
+            }
+            if (fd.close() != 0) TAVIK_RAISE(FileWrite, target, std::strerror(errno));
+        },
+        durable);
 }
 
 }  // namespace tavik

@@ -22,14 +22,16 @@ const FileOwner& adminAccount();
 
 // Writes a new version of `target` through `write`, which is handed the path of a fresh, empty
 // temporary file in the same directory and must fill it completely (and throw if it cannot).
-// The temporary file is then given to `owner` and renamed over `target`. On any failure the
-// temporary file is removed, `target` keeps its previous content, and the failure propagates:
-// CantCreateTempFile, CantTakeFileOwnership, CantRenameFile, or what `write` threw.
+// The temporary file is then given to `owner` and renamed over `target`; with `durable`, its
+// data reach the disk first (files written once per run, which a power failure must not empty).
+// On any failure the temporary file is removed, `target` keeps its previous content, and the
+// failure propagates: CantCreateTempFile, FileWrite (the sync), CantTakeFileOwnership,
+// CantRenameFile, or what `write` threw.
 void replaceFile(const std::string& target, const FileOwner& owner,
-                 const std::function<void(const std::string& temporary)>& write);
+                 const std::function<void(const std::string& temporary)>& write,
+                 bool durable = false);
 
 // replaceFile with `text` as the whole content; a failed write or close throws FileWrite.
-// With `durable`, the data reach the disk before the rename (for files written once per run).
 void replaceFileText(const std::string& target, const FileOwner& owner, const std::string& text,
                      bool durable = false);
 

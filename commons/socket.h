@@ -2,11 +2,12 @@
 #ifndef FERRYGATE_COMMONS_SOCKET_H
 #define FERRYGATE_COMMONS_SOCKET_H
 
-#include <netinet/in.h>
-
+#include <chrono>
 #include <string>
 
-#include "commons/handle.h"
+#include "commons/unique_fd.h"
+
+struct addrinfo;
 
 namespace log4cpp {
 class Category;
@@ -14,35 +15,32 @@ class Category;
 
 namespace tavik {
 
-// Closes a descriptor; the release function of descriptor handles.
-void rku_close(int fd);
-
-// Owns a descriptor made by socket(AF_INET, SOCK_STREAM, 0) and connects it once. A Socket is
-// never reconnected: a second attempt needs a new Socket. The descriptor is closed on destruction,
-// connected or not.
+// A connected TCP socket, closed on destruction. A Socket is never reconnected: a second attempt
+// needs a new Socket.
 class Socket {
   public:
-    // Takes ownership of `fd`; -1 (a failed socket()) throws InvalidHandle.
-    explicit Socket(int fd);
+    using Clock = std::chrono::steady_clock;
+
+    // Resolves `host` (a name, or a literal address of either family) and tries its addresses in
+    // turn until one accepts. An attempt still unanswered at `deadline` has timed out, and no
+    // further address is tried. A signal does not end an attempt. Throws HostNotFound with the
+    // resolver's text, or, by the error of the last address tried, ConnectionTimedOut,
+    // NetworkUnreachable, ConnectionRefused, HostUnreachable or ConnectionFault; every message
+    // names `host` as given.
+    Socket(const std::string& host, unsigned short port, Clock::time_point deadline);
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
     virtual ~Socket();
-
-    // The first IPv4 address of `host` (a dotted address passes through unchanged). Throws
-    // HostNotFound with the resolver's text.
-    static in_addr gethostbyname(const std::string& host);
-
-    // Resolves `host` and connects with one blocking connect (the system's time-out applies).
-    // Throws HostNotFound, ConnectionTimedOut, NetworkUnreachable, ConnectionRefused,
-    // HostUnreachable or ConnectionFault; every message names `host` as given.
-    void connect(const std::string& host, short port);
 
     int descriptor() const { return fd_.get(); }
 
     static log4cpp::Category& logger;
 
   private:
-    Handle<int, rku_close, FdValidationPolicy> fd_;
+    // Connects a new socket of the address's family: 0, or the errno of the failure.
+    int connectTo(const addrinfo& address, Clock::time_point deadline);
+
+    UniqueFd fd_;
 };
 
 }  // namespace tavik

@@ -5,6 +5,7 @@
 
 #include "commons/debug_log.h"
 #include "commons/exceptions.h"
+#include "commons/replace_file.h"
 #include "commons/xml_msg_formatter.h"
 
 namespace tavik {
@@ -22,7 +23,8 @@ XmlLog::XmlLog(const std::string& resultFileName)
 XmlLog::~XmlLog() noexcept(false) {
     try {
         doc_.addAttribute(doc_.getRootNode(), "status", success_ ? "success" : "error");
-        doc_.saveToFileAtomically(resultFileName_);
+        // Written once per run, and the controller's only word on how it ended: to the disk.
+        doc_.saveToFileAtomically(resultFileName_, adminAccount(), true);
     } catch (const ExTraceable& e) {
         // Unwinding already: throwing now would end the process, and the failure on its way
         // matters more than the lost result file.

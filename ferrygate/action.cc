@@ -1,11 +1,13 @@
 #include "ferrygate/action.h"
 
+#include <algorithm>
 #include <log4cpp/Category.hh>
 #include <sstream>
 
 #include "commons/exceptions.h"
 #include "commons/secrets.h"
 #include "ferrygate/agent_spec.h"
+#include "ferrygate/progress_line.h"
 #include "ferrygate/session.h"
 #include "ssh/shell_quote.h"
 #include "utils/files.h"
@@ -189,7 +191,8 @@ FileRetrievalProgressUpdater::FileRetrievalProgressUpdater(MigrationStatus* stat
       transferred(0),
       sizeLeft(sizeLeft),
       currentFileLeft(0),
-      lastSave(std::chrono::steady_clock::now()) {}
+      lastSave(std::chrono::steady_clock::now()),
+      total(sizeLeft) {}
 
 void FileRetrievalProgressUpdater::operator()(int bytes) {
     sizeLeft -= bytes;
@@ -200,6 +203,11 @@ void FileRetrievalProgressUpdater::operator()(int bytes) {
     status->setTransferSpeed(std::to_string(speed));
     status->setTransferSizeLeft(std::to_string(sizeLeft));
     status->setTransferCurrentFileSizeLeft(std::to_string(currentFileLeft));
+    if (line != nullptr) {
+        line->update(fileIndex, fileCount,
+                     static_cast<uint64_t>(std::max<int64_t>(0, total - sizeLeft)),
+                     static_cast<uint64_t>(total));
+    }
     // Each save replaces a file: after every block, that was most of the cost of a download. The
     // action saves at the start and end of every file; between them a reader polling a few
     // times a second sees no difference.

@@ -26,6 +26,8 @@ class Category;
 
 namespace tavik {
 
+class ProgressLine;
+
 class Log;
 // Where an action may report what it did; the driver's execution log.
 typedef Log Result;
@@ -101,7 +103,15 @@ class FileRetrievalProgressUpdater : public Ssh::Counter {
     FileRetrievalProgressUpdater(MigrationStatus* status, int64_t sizeLeft);
     void operator()(int bytes) override;
     // Starts the next file: its size is what is left of it.
-    void startFile(int64_t size) { currentFileLeft = size; }
+    void startFile(int64_t size) {
+        currentFileLeft = size;
+        ++fileIndex;
+    }
+    // Also draws the progress on `line` (not owned; may be null), for `fileCount` files.
+    void showOn(ProgressLine* line, size_t fileCount) {
+        this->line = line;
+        this->fileCount = fileCount;
+    }
     // Counts `bytes` as done without a transfer (a file already here); saves nothing.
     void skip(int64_t bytes);
 
@@ -112,6 +122,10 @@ class FileRetrievalProgressUpdater : public Ssh::Counter {
     int64_t sizeLeft;
     int64_t currentFileLeft;
     std::chrono::steady_clock::time_point lastSave;
+    int64_t total;
+    ProgressLine* line = nullptr;
+    size_t fileIndex = 0;
+    size_t fileCount = 0;
 };
 
 // The words, each through sh_quote, joined by single blanks: one remote command line.

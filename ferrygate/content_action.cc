@@ -1,4 +1,5 @@
 #include <stdio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <boost/lexical_cast.hpp>
@@ -15,6 +16,7 @@
 #include "ferrygate/actions.h"
 #include "ferrygate/agent_spec.h"
 #include "ferrygate/digesting_writer.h"
+#include "ferrygate/progress_line.h"
 #include "ferrygate/session.h"
 #include "ssh/shell_quote.h"
 #include "xml/agent_file_list.h"
@@ -65,6 +67,12 @@ void RetrieveContentAction::execute() {
     }
 
     FileRetrievalProgressUpdater updater(status.get(), static_cast<int64_t>(total));
+    // For an operator at a terminal; the controlling process sees only the status file.
+    std::unique_ptr<ProgressLine> line;
+    if (cfg().progress) {
+        line.reset(new ProgressLine(STDERR_FILENO));
+        updater.showOn(line.get(), files.size());
+    }
     Progress progress{updater, files.size()};
     std::vector<std::string> verified;
     try {
@@ -104,6 +112,7 @@ void RetrieveContentAction::execute() {
         throw;
     }
     removeSources(verified);
+    if (line) line->finish();
 
     env().replaceFileText(cfg().sessionPath + "/dump-name", target + "/dump.xml");
 }

@@ -7,7 +7,7 @@ namespace tavik {
 
 namespace {
 // Large enough that a disk write and a digest update are worth a thread hand-over each.
-const size_t kBlock = 1 << 20;
+const size_t kBlock = 256 << 10;
 }  // namespace
 
 DigestingWriter::DigestingWriter(std::ostream& file, Md5& digest)

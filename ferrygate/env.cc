@@ -80,18 +80,15 @@ MigrationStatusPtr Env::createStatus() {
 
 void Env::replaceFile(const std::string& path, const std::function<void(std::ostream&)>& write,
                       bool durable) {
-    tavik::replaceFile(path, adminOwner(), [&](const std::string& temporary) {
-        std::ofstream out(temporary.c_str(), std::ios::binary | std::ios::trunc);
-        write(out);
-        out.close();
-        if (!out) TAVIK_RAISE(FileWrite, path, std::strerror(errno));
-        if (durable) {
-            UniqueFd fd(::open(temporary.c_str(), O_RDONLY | O_CLOEXEC));
-            if (!fd.valid() || ::fsync(fd.get()) != 0) {
-                TAVIK_RAISE(FileWrite, path, std::strerror(errno));
-            }
-        }
-    });
+    tavik::replaceFile(
+        path, adminOwner(),
+        [&](const std::string& temporary) {
+            std::ofstream out(temporary.c_str(), std::ios::binary | std::ios::trunc);
+            write(out);
+            out.close();
+            if (!out) TAVIK_RAISE(FileWrite, path, std::strerror(errno));
+        },
+        durable);
 }
 
 void Env::replaceFileText(const std::string& path, const std::string& text, bool durable) {

@@ -1,5 +1,8 @@
 #include "ferrygate/ferrygate.h"
 
+#include <pwd.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <ctime>
 #include <iostream>
@@ -14,7 +17,12 @@
 #include "ferrygate/options.h"
 #include "ferrygate/session.h"
 #include "ssh/shell_quote.h"
+#include "utils/files.h"
 #include "utils/read_configuration.h"
+
+#ifndef FERRYGATE_VERSION
+#error "FERRYGATE_VERSION is the project version, defined by cmake/install.cmake"
+#endif
 
 namespace tavik {
 
@@ -41,6 +49,18 @@ std::string recordedCommandLine(int argc, char* const* argv) {
     return line;
 }
 
+// Without its logging configuration the program cannot open a session at all; say so in one
+// line, with the cure, instead of the account and log4cpp errors that would follow. A missing
+// hmxadm alone is no reason to stop (files then go to root), but it is named here too.
+bool productTreeInstalled() {
+    const std::string logConfig = files::getRkuLogConfigFileName();
+    if (access(logConfig.c_str(), R_OK) == 0) return true;
+    std::cerr << "ferrygate: the product tree is not installed (no " << logConfig
+              << (getpwnam("hmxadm") == nullptr ? ", no account hmxadm" : "")
+              << "): install it with 'cmake --install build' or the ferrygate .deb package\n";
+    return false;
+}
+
 }  // namespace
 
 void xmlErrorFunc(const ExTraceable& e) { theDebugLog->log(e); }
@@ -58,6 +78,10 @@ int real_main(int argc, char** argv) {
         usage();
         return 0;
     }
+    if (cfg.action == ACTION_VERSION) {
+        std::cout << "ferrygate " FERRYGATE_VERSION "\n";
+        return 0;
+    }
     if (cfg.action == NO_ACTION) {
         std::cerr << "Action required. See --help\n";
         return 1;
@@ -66,6 +90,7 @@ int real_main(int argc, char** argv) {
         std::cerr << "--session-path is required.\n";
         return 1;
     }
+    if (!productTreeInstalled()) return 1;
 
     SessionLifetimeController session(cfg.sessionPath);
     DebugLogLifetimeController debugLog(false, cfg.verbose, theSession->getLogFileName());

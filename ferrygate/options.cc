@@ -40,6 +40,7 @@ enum OptionId {
     OPT_ONLY_MAIL,
     OPT_ONLY_HOSTING,
     OPT_CONTENT_TRANSPORT,
+    OPT_PROGRESS,
 };
 
 const struct option kLongOptions[] = {
@@ -73,6 +74,8 @@ const struct option kLongOptions[] = {
     {"only-mail", no_argument, nullptr, OPT_ONLY_MAIL},
     {"only-hosting", no_argument, nullptr, OPT_ONLY_HOSTING},
     {"content-transport", required_argument, nullptr, OPT_CONTENT_TRANSPORT},
+    {"version", no_argument, nullptr, ACTION_VERSION},
+    {"progress", no_argument, nullptr, OPT_PROGRESS},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -137,7 +140,7 @@ void verifyConnectionOptions(const config& cfg) {
 
 }  // namespace
 
-bool isAction(int id) { return id >= ACTION_SEND_SCOUT && id <= ACTION_HELP; }
+bool isAction(int id) { return id >= ACTION_SEND_SCOUT && id <= ACTION_VERSION; }
 
 bool is_sudo_password_provided() { return sudoPasswordProvided; }
 
@@ -211,6 +214,9 @@ bool parse_options(int argc, char** argv, config* cfg) {
                 break;
             case OPT_CONTENT_TRANSPORT:
                 cfg->contentTransport = optarg;
+                break;
+            case OPT_PROGRESS:
+                cfg->progress = true;
                 break;
             default:
                 return false;  // getopt_long has printed its diagnostic

@@ -21,6 +21,7 @@ enum ActionId {
     ACTION_REMOVE_AGENT = 6,
     ACTION_REMOVE_DUMPING_STATUS = 7,
     ACTION_HELP = 8,
+    ACTION_VERSION = 9,
 };
 
 enum opt_backup_compress {
@@ -60,6 +61,8 @@ struct config {
     bool verbose = false;
     opt_backup_filter filter = FILTER_EVERYTHING;
     std::string contentTransport;
+    // A progress line on standard error during long transfers, when that is a terminal.
+    bool progress = false;
 };
 
 // Fills `cfg` from the arguments, HMX_PASSWORD (always, then removed from the environment) and
@@ -73,7 +76,7 @@ void verify_options(config* cfg);
 // Writes the usage text to standard output.
 void usage();
 
-// True for the identifier of an action option, help included.
+// True for the identifier of an action option, help and version included.
 bool isAction(int id);
 
 // True once --sudo-password was parsed while HMX_SUDO_PASSWORD existed (even empty).

@@ -1,17 +1,20 @@
 #!/usr/bin/env bash
 # A complete migration from a throw-away source host on this machine, as root:
 #
-#   bash scripts/demo.sh
+#   bash scripts/demo.sh                 builds ferrygate and runs it from the build tree
+#   bash scripts/demo.sh --installed     runs the installed ferrygate (the .deb or cmake --install)
 #
-# Installs what is missing, builds ferrygate, then, inside scripts/sandbox.sh (a private copy of
-# /etc, /run and /home that vanishes afterwards), starts OpenSSH on 127.0.0.1 with a login that
-# has a password, lays out a small hosting tree (two sites, three mailboxes), installs the
-# product data under a temporary product root named by /etc/hmx/hmx.conf, and runs the five
-# steps a controlling process would: scout, deploy, dump-all, get-content (showing progress read
-# from migration.status) and remove-agent.
+# Inside scripts/sandbox.sh (a private copy of /etc, /run and /home that vanishes afterwards) it
+# starts OpenSSH on 127.0.0.1 with a login that has a password, lays out a small hosting tree
+# (two sites, three mailboxes) and runs the five steps a controlling process would: scout,
+# deploy, dump-all, get-content (showing progress read from migration.status) and remove-agent.
+# From the build tree, the product data goes under a temporary product root named by the
+# sandbox's /etc/hmx/hmx.conf; with --installed, the program on the PATH uses the installed
+# product tree as it is, and the demo changes nothing in it.
 #
-# The session directory is kept under /tmp, outside the sandbox, for you to look at; everything
-# else is removed. FERRYGATE_BUILD_DIR overrides the build directory (default: build/).
+# The session directory is kept under /tmp, outside the sandbox, for you to look at (or made
+# where FERRYGATE_DEMO_SESSION says); everything else is removed. FERRYGATE_BUILD_DIR overrides
+# the build directory (default: build/).
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 build=${FERRYGATE_BUILD_DIR:-$here/build}
@@ -21,17 +24,25 @@ if [ "${1:-}" != "--inside" ]; then
         echo "demo.sh: run as root (it makes a private namespace and a test account)" >&2
         exit 1
     fi
-    bash "$here/scripts/install-deps.sh"
-    echo "== building ferrygate in $build"
-    cmake -S "$here" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-    cmake --build "$build" -j "$(nproc)" --target ferrygate >/dev/null
-    session=$(mktemp -d /tmp/ferrygate-demo-session.XXXXXX)
-    rmdir "$session"
-    exec bash "$here/scripts/sandbox.sh" bash "$0" --inside "$build/ferrygate" "$session"
+    if [ "${1:-}" = --installed ]; then
+        ferrygate=$(command -v ferrygate) || {
+            echo "demo.sh: no ferrygate on the PATH; install the package first" >&2
+            exit 1
+        }
+    else
+        bash "$here/scripts/install-deps.sh"
+        echo "== building ferrygate in $build"
+        cmake -S "$here" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+        cmake --build "$build" -j "$(nproc)" --target ferrygate >/dev/null
+        ferrygate=$build/ferrygate
+    fi
+    session=${FERRYGATE_DEMO_SESSION:-$(mktemp -u /tmp/ferrygate-demo-session.XXXXXX)}
+    exec bash "$here/scripts/sandbox.sh" bash "$0" --inside "$ferrygate" "$session" "${1:-}"
 fi
 
 ferrygate=$2
 session=$3
+installed=$([ "${4:-}" = --installed ] && echo 1 || echo 0)
 work=$(mktemp -d /tmp/ferrygate-demo.XXXXXX)
 chmod 0755 "$work"
 sshd_pid=
@@ -66,20 +77,22 @@ done
 useradd -M -r hmxadm 2>/dev/null || true
 chmod -R a+rX "$work/hosting"
 
-echo "== destination: product data under $work/product, named by /etc/hmx/hmx.conf"
-product=$work/product
-mkdir -p "$product/RKU" /etc/hmx
-cp -r "$here/data/scout.pl" "$here/data/log4cpp.properties" "$here/data/agents" "$product/RKU/"
-printf 'web_root = %s\nmail_root = %s\n' "$web" "$mail" >"$product/RKU/agents/hostdump/hostdump.conf"
-chmod -R a+rX "$product"
-echo "PRODUCT_ROOT_D $product" >/etc/hmx/hmx.conf
+if [ "$installed" = 1 ]; then
+    echo "== destination: $ferrygate and the installed product tree"
+else
+    echo "== destination: product data under $work/product, named by /etc/hmx/hmx.conf"
+    product=$work/product
+    mkdir -p "$product/RKU" /etc/hmx
+    cp -r "$here/data/scout.pl" "$here/data/log4cpp.properties" "$here/data/agents" "$product/RKU/"
+    chmod -R a+rX "$product"
+    echo "PRODUCT_ROOT_D $product" >/etc/hmx/hmx.conf
+fi
 
 agent_dir=$home/ferry-agent
-export HMX_PASSWORD
 run() {
-    # ferrygate takes the password from the environment and removes it there: set it anew.
-    HMX_PASSWORD=$login_password
-    "$ferrygate" --host=127.0.0.1 --port="$port" --login=fgdemo --session-path="$session" "$@"
+    # In ferrygate's environment only, as a controlling process would pass it.
+    HMX_PASSWORD=$login_password \
+        "$ferrygate" --host=127.0.0.1 --port="$port" --login=fgdemo --session-path="$session" "$@"
 }
 
 echo "== 1. scout"
@@ -87,6 +100,9 @@ run --send-scout
 sed -n 's/.*<os name="\([^"]*\)".*distribution="\([^"]*\)".*/   source runs \1, \2/p' "$session/scout-result.xml"
 echo "== 2. deploy the hostdump agent to $agent_dir"
 run --agent-dir="$agent_dir" --agent-name=hostdump --deploy-agent
+# The agent reads where the source host keeps sites and mail from hostdump.conf beside it.
+printf 'web_root = %s\nmail_root = %s\n' "$web" "$mail" >"$agent_dir/hostdump.conf"
+chown fgdemo "$agent_dir/hostdump.conf"
 echo "== 3. dump the whole source host"
 run --agent-dir="$agent_dir" --agent-name=hostdump --dump-all
 echo "   $(grep -c '<domain ' "$session/dump.xml") domains, $(grep -c '<mailbox ' "$session/dump.xml") mailboxes in dump.xml"
@@ -118,4 +134,4 @@ for f in "$session"/*.tar.gz; do
     printf '   %-28s %10s bytes  md5 %s\n' "$(basename "$f")" "$(stat -c %s "$f")" "$(md5sum <"$f" | cut -c1-32)"
 done
 grep -o 'status="[a-z]*"' "$session/migration.result" | sed 's/^/   last result: /'
-echo "   session directory (kept outside the sandbox, under /tmp): $session"
+echo "   session directory (kept outside the sandbox): $session"

@@ -9,9 +9,10 @@ packages=(
   libssh2-1-dev libxml2-dev libxslt1-dev libssl-dev libidn11-dev
   libboost-dev libboost-filesystem-dev liblog4cpp5-dev zlib1g-dev libcrypt-dev
   openssh-server openssh-client sudo perl passwd util-linux procps iproute2 psmisc
-  libxml2-utils groff-base clang-format
+  libxml2-utils groff-base clang-format mandoc man-db
+  dpkg-dev lintian
   clang-14 libclang-rt-14-dev valgrind
-  rsync bc tar gzip
+  rsync sshpass bc tar gzip
 )
 
 missing=()

@@ -13,6 +13,7 @@
 #   --authorized-key FILE  a public key that may log in as the account
 #   --option 'KEY VALUE'   one more sshd_config line (repeatable)
 #   --ports LOW-HIGH       range of the random port; default 20000-60999
+#   --address ADDR         the one address to listen on (127.0.0.1 or ::1); default 127.0.0.1
 #   --password-stdin       read the account's password from the first line of standard input
 #
 # The account's password comes from the variable FERRYGATE_SSHD_PASSWORD or, with
@@ -80,7 +81,7 @@ EOF
 
 start_server() {
     local user=fgtest auth=password,keyboard-interactive compat=0 shell=/bin/bash key=
-    local password_stdin=0 ports=20000-60999
+    local password_stdin=0 ports=20000-60999 address=127.0.0.1
     local -a extra=()
     while [ $# -gt 0 ]; do
         case $1 in
@@ -92,12 +93,14 @@ start_server() {
         --option) extra+=("$2"); shift 2 ;;
         --password-stdin) password_stdin=1; shift ;;
         --ports) ports=$2; shift 2 ;;
+        --address) address=$2; shift 2 ;;
         *) die "start: unknown option $1" ;;
         esac
     done
     [[ $user =~ ^[a-z_][a-z0-9_-]*$ ]] || die "start: bad user name $user"
     [ -x "$shell" ] || die "start: no shell $shell"
     [[ $ports =~ ^[0-9]+-[0-9]+$ ]] || die "start: bad port range $ports"
+    [[ $address =~ ^[0-9a-f.:]+$ ]] || die "start: bad address $address"
 
     local password= have_password=0
     if [ $password_stdin = 1 ]; then
@@ -149,7 +152,7 @@ start_server() {
     for attempt in $(seq 20); do
         port=$(shuf -i "$ports" -n 1)
         {
-            echo "ListenAddress 127.0.0.1"
+            echo "ListenAddress $address"
             echo "Port $port"
             echo "HostKey $dir/host_ed25519_key"
             echo "PidFile none"
@@ -178,7 +181,7 @@ start_server() {
         pid=$!
         # Listening, or gone because another process holds the port: then try the next one.
         for _ in $(seq 100); do
-            grep -q "Server listening on 127.0.0.1 port $port" "$dir/sshd.log" && break 2
+            grep -qF "Server listening on $address port $port." "$dir/sshd.log" && break 2
             kill -0 "$pid" 2>/dev/null || break
             sleep 0.05
         done

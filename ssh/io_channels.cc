@@ -1,8 +1,5 @@
 #include "ssh/io_channels.h"
 
-#include <log4cpp/Category.hh>
-#include <string>
-
 #include "commons/checksum.h"
 #include "commons/exceptions.h"
 #include "ssh/libssh2pp.h"
@@ -24,19 +21,7 @@ int IOStreamWriteChannel::write(const char* buffer, unsigned size) {
 }
 
 int SshChannelWriteChannel::write(const char* buffer, unsigned size) {
-    const ssize_t n = libssh2_channel_write_ex(channel_.get(), 0, buffer, size);
-    switch (n) {
-        case LIBSSH2_ERROR_TIMEOUT:
-        case LIBSSH2_ERROR_SOCKET_SEND:
-        case LIBSSH2_ERROR_SOCKET_RECV:
-        case LIBSSH2_ERROR_SOCKET_DISCONNECT:
-            // A server that stopped taking input, or a broken connection: not a stream fault.
-            libssh2pp::Channel::logger.error("Lost connection while writing to the remote host: " +
-                                             std::to_string(n));
-            TAVIK_RAISE(SshConnectionFault);
-        default:
-            return n < 0 ? -1 : static_cast<int>(n);
-    }
+    return static_cast<int>(channel_.write(buffer, size));
 }
 
 void pump_write(IOWriteChannel& out, char* buffer, int size) {

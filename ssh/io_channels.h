@@ -47,12 +47,12 @@ class IOStreamWriteChannel : public IOWriteChannel {
     std::ostream& out_;
 };
 
-// Writes to the standard input of the command on a borrowed blocking channel.
+// Writes to the standard input of the command on a borrowed channel.
 class SshChannelWriteChannel : public IOWriteChannel {
   public:
     explicit SshChannelWriteChannel(libssh2pp::Channel& channel) : channel_(channel) {}
-    // The library's result, with every failure reported as -1 but the connection's: a server
-    // silent for the session's time-out, or a broken socket, throws SshConnectionFault.
+    // Every failure is -1 but the connection's: a server silent for the silence limit, or a
+    // broken socket, throws SshConnectionFault.
     int write(const char* buffer, unsigned size) override;
 
   private:

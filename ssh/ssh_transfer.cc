@@ -1,16 +1,14 @@
 #include "ssh/ssh_transfer.h"
 
-#include <signal.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-
+#include <algorithm>
 #include <fstream>
 #include <log4cpp/Category.hh>
 #include <log4cpp/CategoryStream.hh>
 #include <sstream>
 
+#include "commons/checksum.h"
 #include "commons/socket.h"
+#include "commons/unique_fd.h"
 #include "ssh/libssh2pp.h"
 #include "ssh/shell_quote.h"
 
@@ -23,54 +21,48 @@ Ssh::Counter::~Counter() = default;
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 // A large window keeps the server sending while earlier data is still being written out; the
 // library holds at most one window of unread data, so memory stays bounded.
 const unsigned kExecWindow = 2 * 1024 * 1024;
 const unsigned kExecPacket = 32768;
 // Keep-alive requests fall due at intervals of a second or more.
 const int kWaitMillis = 1000;
+const auto kAlarmPeriod = std::chrono::seconds(5);
 const int kStdout = 0;
 const int kStderr = 1;
 
-void freeText(char* text) { free(text); }
+// Marks the alarm as running for one scope, so that the commands it runs do not run it again.
+class AlarmRunning {
+  public:
+    explicit AlarmRunning(bool& flag) : flag_(flag) { flag_ = true; }
+    ~AlarmRunning() { flag_ = false; }
+    AlarmRunning(const AlarmRunning&) = delete;
+    AlarmRunning& operator=(const AlarmRunning&) = delete;
 
-// Texts that the library allocated for the caller.
-typedef Handle<char*, freeText> LibraryText;
-
-// 128 plus the number of the signal that ended the command, as shells report it; -1 if the
-// command was not ended by a signal.
-int signalStatus(LIBSSH2_CHANNEL* channel) {
-    char* name = nullptr;
-    size_t length = 0;
-    if (libssh2_channel_get_exit_signal(channel, &name, &length, nullptr, nullptr, nullptr,
-                                        nullptr) != 0 ||
-        name == nullptr) {
-        return -1;
-    }
-    const LibraryText owned(name);
-    const std::string signal(name, length);
-    for (int number = 1; number < NSIG; ++number) {
-        const char* abbreviation = sigabbrev_np(number);
-        if (abbreviation != nullptr && signal == abbreviation) return 128 + number;
-    }
-    return 255;
-}
+  private:
+    bool& flag_;
+};
 
 }  // namespace
 
-Ssh::Ssh() : alarm_(nullptr) {}
+Ssh::Ssh() = default;
 
 Ssh::Ssh(const std::string& host, const std::string& user, const std::string& password,
-         bool noEncryption, unsigned short port)
-    : alarm_(nullptr) {
-    connect(host, port);
+         bool noEncryption, unsigned short port) {
+    // One limit for reaching the server, however many addresses and attempts that takes.
+    const Clock::time_point deadline =
+        Clock::now() + std::chrono::seconds(libssh2pp::Session::connectLimit());
+    socket_.reset(new Socket(host, port, deadline));
     try {
-        session_.reset(new libssh2pp::Session(socket_->descriptor(), noEncryption, false));
+        session_.reset(
+            new libssh2pp::Session(socket_->descriptor(), noEncryption, false, deadline));
     } catch (const Exc<&UnableToStartSshSession>&) {
         logger.info("Attempt to start SSH session in a 'compatibility' mode");
         socket_.reset();
-        connect(host, port);
-        session_.reset(new libssh2pp::Session(socket_->descriptor(), noEncryption, true));
+        socket_.reset(new Socket(host, port, deadline));
+        session_.reset(new libssh2pp::Session(socket_->descriptor(), noEncryption, true, deadline));
     }
     try {
         session_->authorize(user, password);
@@ -84,23 +76,10 @@ Ssh::~Ssh() {
     socket_.reset();
 }
 
-LIBSSH2_CHANNEL* Ssh::openChannel() {
-    LIBSSH2_CHANNEL* channel = libssh2_channel_open_ex(
-        session_->get(), "session", sizeof("session") - 1, kExecWindow, kExecPacket, nullptr, 0);
-    if (channel == nullptr) raiseIfConnectionLost();
-    return channel;
-}
-
-void Ssh::raiseIfConnectionLost() {
-    if (!session_->connectionLost()) return;
-    logger.error("Lost connection with the remote host: " + session_->lastError());
-    TAVIK_RAISE(SshConnectionFault);
-}
-
-void Ssh::connect(const std::string& host, unsigned short port) {
-    socket_.reset(new Socket(::socket(AF_INET, SOCK_STREAM, 0)));
-    Socket::logger.info("Socket created");
-    socket_->connect(host, static_cast<short>(port));
+void Ssh::setAlarm(Alarm* alarm) {
+    if (alarm == alarm_) return;
+    alarm_ = alarm;
+    alarmSet_ = Clock::now();
 }
 
 void Ssh::logPump(const char* buffer, int size) {
@@ -122,26 +101,25 @@ void pump_with_log(IOReadChannel& in, IOWriteChannel& out, Ssh& ssh) {
 
 int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
               bool quietOutput, bool quietInput, Counter& counter) {
+    const Clock::time_point started = Clock::now();
     logger.info("Executing " + command + " on the remote host");
     logger.info("Opening SSH channel for command '" + command + "'");
-    libssh2pp::Channel channel(openChannel());
-    libssh2_channel_set_blocking(channel.get(), 1);
-    if (libssh2_channel_process_startup(channel.get(), "exec", sizeof("exec") - 1, command.data(),
-                                        static_cast<unsigned>(command.size())) != 0) {
-        raiseIfConnectionLost();
+    const std::unique_ptr<libssh2pp::Channel> channel =
+        session_->openChannel(kExecWindow, kExecPacket);
+    if (!channel->exec(command)) {
         // Without a command nothing would ever end the channel, and the wait below with it.
         logger.error("The remote host refused to run the command: " + session_->lastError());
         TAVIK_RAISE(SshUnknown);
     }
 
     IOStreamReadChannel input(in);
-    SshChannelWriteChannel toRemote(channel);
+    SshChannelWriteChannel toRemote(*channel);
     if (quietInput) {
         pump(input, toRemote);
     } else {
         pump_with_log(input, toRemote, *this);
     }
-    if (libssh2_channel_send_eof(channel.get()) < 0) {
+    if (!channel->sendEof()) {
         const std::string reason = session_->lastError();
         logger.error("Unable to send EOF to SSH channel: " + reason);
         TAVIK_RAISE(UnableToSendEof, reason);
@@ -152,7 +130,7 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
     char buffer[65536];
     // Moves one chunk of what is already queued for `stream`; the count moved, 0 for none.
     auto forward = [&](int stream) -> ssize_t {
-        const ssize_t n = channel.readQueued(stream, buffer, sizeof buffer);
+        const ssize_t n = channel->readQueued(stream, buffer, sizeof buffer);
         if (n <= 0) return 0;
         if (stream == kStdout) {
             if (!quietOutput) {
@@ -171,25 +149,33 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
         return n;
     };
 
+    Clock::time_point lastAlarm = started;
     for (;;) {
-        if (libssh2_channel_eof(channel.get())) {
+        // A stop request ends a silent command too, within one wait.
+        checkProgramTerminated();
+        if (channel->eof()) {
             // The library reports EOF only once no data is queued; whatever a future version
             // might still hold back is moved out before the command counts as finished.
             while (forward(kStdout) + forward(kStderr) > 0) {
             }
-            if (libssh2_channel_wait_closed(channel.get()) < 0) {
-                logger.error("Lost connection with the remote host: " + session_->lastError());
-                TAVIK_RAISE(SshConnectionFault);
-            }
-            int status = signalStatus(channel.get());
-            if (status < 0) status = libssh2_channel_get_exit_status(channel.get());
+            channel->waitClosed();
+            const int status = channel->exitStatus();
             logger.info("Execution finished with return code " + std::to_string(status));
             return status;
         }
-        if (Alarm* alarm = alarm_.load()) {
-            alarm->doAlarm();
+        int wait = kWaitMillis;
+        if (alarm_ != nullptr && !inAlarm_) {
+            const Clock::time_point due = std::max(lastAlarm, alarmSet_) + kAlarmPeriod;
+            if (Clock::now() >= due) {
+                const AlarmRunning running(inAlarm_);
+                alarm_->doAlarm();
+                lastAlarm = Clock::now();
+                continue;
+            }
+            wait = static_cast<int>(std::min<long long>(
+                wait, std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now()).count()));
         }
-        session_->waitForInput(channel, kWaitMillis);
+        session_->waitForInput(*channel, wait);
         const ssize_t moved = forward(kStdout) + forward(kStderr);
         if (moved == 0) session_->checkAlive();
     }
@@ -211,22 +197,6 @@ void Ssh::get(std::ostream& out, const std::string& remotePath, Counter& counter
 void Ssh::get(std::ostream& out, const std::string& remotePath) {
     get(out, remotePath, nullCounter);
 }
-
-namespace {
-
-// Sets the process umask for one scope.
-class UmaskScope {
-  public:
-    explicit UmaskScope(mode_t mask) : previous_(umask(mask)) {}
-    ~UmaskScope() { umask(previous_); }
-    UmaskScope(const UmaskScope&) = delete;
-    UmaskScope& operator=(const UmaskScope&) = delete;
-
-  private:
-    mode_t previous_;
-};
-
-}  // namespace
 
 void Ssh::get(const std::string& localPath, const std::string& remotePath, Counter& counter) {
     logger.info("Reading data to the file " + localPath);

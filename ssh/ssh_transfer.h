@@ -3,9 +3,7 @@
 #ifndef FERRYGATE_SSH_SSH_TRANSFER_H
 #define FERRYGATE_SSH_SSH_TRANSFER_H
 
-#include <libssh2.h>
-
-#include <atomic>
+#include <chrono>
 #include <istream>
 #include <memory>
 #include <ostream>
@@ -27,7 +25,7 @@ class Session;
 }
 
 // Connected and authenticated from construction to destruction; never reconnects. One thread
-// uses it; only setAlarm may be called from a signal handler.
+// uses it, and no signal disturbs it.
 class Ssh {
   public:
     // Told the size of each chunk of a command's standard output as it arrives.
@@ -43,9 +41,10 @@ class Ssh {
     // The one counter for calls that want none.
     static NullCounter nullCounter;
 
-    // Connects to host:port and logs in. A session that fails to start is tried once more, on a
-    // new connection, in compatibility mode. Throws the connection and session failures,
-    // SshInvalidCredentials when the login is refused.
+    // Connects to host:port and logs in, all within Session::connectLimit() seconds. A session
+    // that fails to start is tried once more, on a new connection, in compatibility mode. Throws
+    // the connection and session failures (SshConnectionFault when the time is up once the
+    // connection is made), SshInvalidCredentials when the login is refused.
     Ssh(const std::string& host, const std::string& user, const std::string& password,
         bool noEncryption, unsigned short port);
     Ssh(const Ssh&) = delete;
@@ -56,9 +55,10 @@ class Ssh {
     // copies standard output to `out` and standard error to `err` until the command ends, so the
     // command must read its input before it writes more than a channel window. Returns the exit
     // status (128 plus the signal number when a signal ended it). `quietOutput` keeps the output,
-    // `quietInput` the input, out of the log. While it waits, the alarm, if set, runs between
-    // waits of at most 5 seconds. Throws SshConnectionFault when the connection is lost,
-    // UnableToSendEof, StreamRead/StreamWrite, and MigrationTerminatedException.
+    // `quietInput` the input, out of the log. While it waits for the command's end, it runs the
+    // alarm, if one is set (see setAlarm). Throws SshConnectionFault when the connection is lost,
+    // UnableToSendEof, StreamRead/StreamWrite, MigrationTerminatedException, and whatever the
+    // alarm throws.
     virtual int exec(const std::string& command, std::istream& in, std::ostream& out,
                      std::ostream& err, bool quietOutput, bool quietInput, Counter& counter);
     // The same with empty standard input.
@@ -79,8 +79,12 @@ class Ssh {
     // Uploads a local file; one that cannot be opened uploads as empty.
     void put(const std::string& localPath, const std::string& remotePath);
 
-    // The work to run inside the command loop; null clears it. Safe in a signal handler.
-    void setAlarm(Alarm* alarm) { alarm_ = alarm; }
+    // While a command runs, exec calls alarm->doAlarm() on this thread every 5 seconds of the
+    // command: first 5 seconds after the command or this call began, whichever is later, then 5
+    // seconds after the previous doAlarm() returned. doAlarm() may run commands itself; the alarm
+    // does not run inside them. Setting the alarm that is already set changes nothing; null
+    // stops it.
+    void setAlarm(Alarm* alarm);
 
     // Logs a chunk of standard input sent to the remote host.
     void logPump(const char* buffer, int size);
@@ -94,16 +98,11 @@ class Ssh {
     Ssh();
 
   private:
-    void connect(const std::string& host, unsigned short port);
-    // A new channel with the transfer window, or null when the server refused one; throws
-    // SshConnectionFault when the connection failed meanwhile.
-    LIBSSH2_CHANNEL* openChannel();
-    // Throws SshConnectionFault when the session's last failure was the connection's.
-    void raiseIfConnectionLost();
-
     std::unique_ptr<Socket> socket_;
     std::unique_ptr<libssh2pp::Session> session_;
-    std::atomic<Alarm*> alarm_;
+    Alarm* alarm_ = nullptr;
+    std::chrono::steady_clock::time_point alarmSet_;
+    bool inAlarm_ = false;
 };
 
 // pump, with every chunk written also logged through ssh.logPump.

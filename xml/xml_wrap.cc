@@ -145,8 +145,10 @@ void tXmlDocument::saveToFileAtomically(const std::string& filename) {
     saveToFileAtomically(filename, adminAccount());
 }
 
-void tXmlDocument::saveToFileAtomically(const std::string& filename, const FileOwner& owner) {
-    replaceFile(filename, owner, [this](const std::string& temporary) { saveToFile(temporary); });
+void tXmlDocument::saveToFileAtomically(const std::string& filename, const FileOwner& owner,
+                                        bool durable) {
+    replaceFile(
+        filename, owner, [this](const std::string& temporary) { saveToFile(temporary); }, durable);
 }
 
 tXmlRkuDocument::tXmlRkuDocument() : root_(nullptr) {}

@@ -74,7 +74,8 @@ class tXmlDocument {
     // stays untouched. Nothing is synced to disk: readers and a crash of the process see a
     // whole file, a power failure may not.
     void saveToFileAtomically(const std::string& filename);
-    void saveToFileAtomically(const std::string& filename, const FileOwner& owner);
+    void saveToFileAtomically(const std::string& filename, const FileOwner& owner,
+                              bool durable = false);
 
     // The tree, still owned by this document.
     xmlDoc* getDoc() const { return doc_.get(); }

@@ -17,6 +17,7 @@
 #include <set>
 #include <thread>
 
+#include "support/loopback.h"
 #include "support/migration_host.h"
 #include "support/relay_process.h"
 #include "support/xml_render.h"
@@ -64,9 +65,10 @@ class Faults : public MigrationTest {
 };
 
 // The server side of our connection dies while a content file downloads, while the agent dumps,
-// before the session starts (a relay that hangs up, or never says a word), while the password is
-// checked (the default, slow hash leaves time for that) and before the first channel opens (a
-// relay keeps every request 300 ms on its way).
+// before the session starts (a relay that hangs up, or never says a word: the connect time-out,
+// 30 seconds by default, ends that), while the password is checked (the default, slow hash
+// leaves time for that) and before the first channel opens (a relay keeps every request 300 ms
+// on its way).
 TEST_F(Faults, TheServerDisappears) {
     addRandomFile("shop.test/big.bin", 8 << 20);
     configureAgent("delay = 2\n");
@@ -94,7 +96,7 @@ TEST_F(Faults, TheServerDisappears) {
         {"--get-content", kSlowLine, [&] { return hasBytes(big); }, 18, kLost, 0},
         {"--dump-all", {}, [&] { return fs::exists(remoteStatus); }, 18, kLost, 0},
         {"--send-scout", {"--cut-down-at", "0"}, {}, 2, noBanner, 0},
-        {"--send-scout", {"--stall-down-at", "0", "--stall-ms", "600000"}, {}, 18, kLost, 3},
+        {"--send-scout", {"--stall-down-at", "0", "--stall-ms", "600000"}, {}, 18, kLost, 30},
         {"--send-scout", {}, logShows("Trying 'password'"), 18, kLost, 0},
         {"--send-scout", {"--delay-up-ms", "300"}, logShows("Opening SSH channel"), 18, kLost, 0},
     };
@@ -116,7 +118,7 @@ TEST_F(Faults, TheServerDisappears) {
                     fileHas(sessionFile("migration.result"), "SshConnectionFault"));
         if (row.silence) {
             EXPECT_GE(Clock::now() - start, std::chrono::seconds(row.silence));
-            EXPECT_LT(Clock::now() - start, std::chrono::seconds(row.silence + 6));
+            EXPECT_LT(Clock::now() - start, std::chrono::seconds(row.silence + 5));
         }
         if (row.action == "--send-scout") continue;
         for (const auto& file : files) {
@@ -127,6 +129,27 @@ TEST_F(Faults, TheServerDisappears) {
         EXPECT_EQ(0, r.status) << "rerun: " << r.err;
     }
     for (const auto& file : files) EXPECT_EQ(file.md5, md5OfFile(sessionFile(file.name)));
+}
+
+// A listener whose queue is full drops the connection request, as a host that is gone would.
+TEST_F(Faults, AConnectionNeverAnsweredTimesOutAtTheConnectTimeout) {
+    std::unique_ptr<testing::LoopbackSocket> full;  // at a port that ferrygate accepts
+    for (uint16_t port = 20000; !full && port < 32768; ++port) {
+        try {
+            full.reset(new testing::LoopbackSocket(false, port));
+        } catch (const std::runtime_error&) {
+        }
+    }
+    ASSERT_TRUE(full && listen(full->fd(), 0) == 0);
+    const int queued = testing::connectLoopback(full->port());
+    std::ofstream("/etc/hmx/hmx.conf", std::ios::app) << "SSH_CONNECT_TIMEOUT 3\n";
+    const auto start = Clock::now();
+    const ProcessResult r = ferrygate({"--send-scout", "--port=" + std::to_string(full->port())});
+    EXPECT_EQ(12, r.status);
+    EXPECT_EQ("Timeout while attempting connection to host 127.0.0.1", r.err);
+    EXPECT_GE(Clock::now() - start, std::chrono::seconds(3));
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(6));
+    close(queued);
 }
 
 TEST_F(Faults, AFullDiskFailsTheDownloadAndARerunFinishesOnceThereIsRoom) {
@@ -185,8 +208,8 @@ TEST_F(Faults, ABrokenHostEndsWithACleanError) {
     const std::string goodSpec = readFile(spec);
     const std::string conf = readFile("/etc/hmx/hmx.conf");
     const std::string noLog =
-        "Uncaught std::exception: cannot read log configuration /usr/local/hmx/RKU/"
-        "log4cpp.properties\n";
+        "ferrygate: the product tree is not installed (no /usr/local/hmx/RKU/log4cpp.properties): "
+        "install it with 'cmake --install build' or the ferrygate .deb package\n";
     const char junk[] = "\x01\xff#\n  \n=\n\0x\nPRODUCT_ROOT_D\n";
     const std::string garbage(junk, sizeof junk - 1);
     auto setConf = [](const std::string& text) {

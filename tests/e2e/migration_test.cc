@@ -19,6 +19,7 @@
 #include "commons/debug_log.h"
 #include "ferrygate/dispatch.h"
 #include "ferrygate/session.h"
+#include "ssh/shell_quote.h"
 #include "support/migration_host.h"
 #include "support/relay_process.h"
 
@@ -86,6 +87,20 @@ class Migration : public MigrationTest {
             EXPECT_EQ(std::string::npos, text.find(password())) << it->path();
             EXPECT_EQ(std::string::npos, text.find(sudoPassword_)) << it->path();
         }
+    }
+
+    // Runs ferrygate with `args` and, once `ready` returns, asks it to stop as a controlling
+    // process does (SIGTERM); the run must then end within five seconds.
+    template <class Ready>
+    ProcessResult stopWhen(const std::vector<std::string>& args, Ready ready) {
+        ProcessResult r;
+        std::thread run([&] { r = ferrygate(args); });
+        ready();
+        const auto asked = std::chrono::steady_clock::now();
+        runProcess({"/usr/bin/pkill", "-TERM", "-f", "session-path=" + session_});
+        run.join();
+        EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(5));
+        return r;
     }
 
     // The whole migration, one run per action, checking what each leaves behind.
@@ -245,6 +260,11 @@ TEST_F(Content, ALongDumpRefreshesTheSessionsDumpingStatus) {
     dump.join();
     ASSERT_EQ(0, r.status) << r.err;
     EXPECT_GE(seen.size(), 2u) << readFile(sessionFile("migration.log"));
+
+    // A stop ends even a dump during which nothing moves, within a wait.
+    r = stopWhen({"--dump-all"}, [] { std::this_thread::sleep_for(std::chrono::seconds(2)); });
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_EQ("Migration has been terminated", r.out);
 }
 
 // Into --dumps-dir: only when it fits (--no-check-space on a disk too small is the fault matrix's
@@ -301,19 +321,13 @@ TEST_F(Content, AStoppedDownloadEndsInOrderAndTheRerunFetchesOnlyTheRest) {
     const std::string name = "shop.test_site.tar.gz";
     const std::string copy = sessionFile(name);
     RelayProcess slow(port(), {"--rate-down", "2000000"});
-    ProcessResult r;
-    std::thread run([&] {
-        r = ferrygate({"--get-content", "--port=" + std::to_string(slow.port())});
+    ProcessResult r = stopWhen({"--get-content", "--port=" + std::to_string(slow.port())}, [&] {
+        const auto start = std::chrono::steady_clock::now();
+        while (!(fs::exists(copy) && fs::file_size(copy) > (1 << 20)) &&
+               std::chrono::steady_clock::now() - start < std::chrono::seconds(30)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
     });
-    const auto start = std::chrono::steady_clock::now();
-    while (!(fs::exists(copy) && fs::file_size(copy) > (1 << 20)) &&
-           std::chrono::steady_clock::now() - start < std::chrono::seconds(30)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    const auto stopped = std::chrono::steady_clock::now();
-    runProcess({"/usr/bin/pkill", "-TERM", "-f", "session-path=" + session_});
-    run.join();
-    EXPECT_LT(std::chrono::steady_clock::now() - stopped, std::chrono::seconds(5));
     ASSERT_EQ(0, r.status) << r.err;
     EXPECT_EQ("Migration has been terminated", r.out);
     EXPECT_NE(std::string::npos, readFile(sessionFile("migration.result")).find("success"));
@@ -337,6 +351,29 @@ TEST_F(Content, AStoppedDownloadEndsInOrderAndTheRerunFetchesOnlyTheRest) {
         std::string::npos,
         readFile(sessionFile("migration.log")).find("tail -c +" + std::to_string(kept + 1) + " "))
         << "resumed at " << kept << " of " << size;
+}
+
+// An operator at a terminal sees the download move; a controlling process sees nothing new.
+TEST_F(Content, ProgressIsDrawnOnATerminalAndNowhereElse) {
+    deployAndDump();
+    ProcessResult r = ferrygate({"--get-content", "--progress"});
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_EQ("", r.out + r.err);
+    addRandomFile("shop.test/big.bin", 2 << 20);  // a second or so through the relay
+    deployAndDump();
+    RelayProcess slow(port(), {"--rate-down", "2000000"});
+    std::string line = FERRYGATE_BINARY;
+    for (const std::string& arg : std::vector<std::string>{
+             "--host=127.0.0.1", "--port=" + std::to_string(slow.port()), "--login=" + user(),
+             "--session-path=" + session_, "--agent-dir=" + remoteAgent_, "--agent-name=hostdump",
+             "--get-content", "--progress"}) {
+        line += " " + sh_quote(arg);
+    }
+    r = runProcess({"/usr/bin/script", "-qec", line, "/dev/null"}, "",
+                   {"HMX_PASSWORD=" + password()});
+    ASSERT_EQ(0, r.status) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("\rfile ")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find(" left")) << r.out;
 }
 
 // A source that changed after the agent listed it (same size, same time, other bytes) is never

@@ -1,15 +1,14 @@
-// Content downloads across a distance and through faults that fg-relay puts between ferrygate
-// and the source host's sshd.
+// Whole runs across a distance and through faults that fg-relay puts between ferrygate and the
+// source host's sshd.
 #include <gtest/gtest.h>
 
+#include <boost/filesystem.hpp>
 #include <chrono>
 #include <fstream>
 #include <regex>
 #include <set>
-#include <sstream>
 #include <thread>
 
-#include "ssh/ssh_transfer.h"
 #include "support/migration_host.h"
 #include "support/relay_process.h"
 
@@ -112,15 +111,42 @@ TEST_F(Wan, ALineThatGoesSilentOrIsCutFailsAndARerunCompletes) {
     expectAllArchivesHere();
 }
 
-class Quiet : public SshdTest {};
-
-TEST_F(Quiet, ACommandSilentForLongerThanTheLimitIsNotALostConnection) {
-    testing::writeTextFile("/etc/hmx/hmx.conf", "SSH_SILENCE_TIMEOUT 2\n");
-    Ssh ssh(host(), user(), password(), false, port());
-    std::ostringstream out, err;
-    // The server answers the keep-alive requests while its command says nothing.
-    EXPECT_EQ(0, ssh.exec("sleep 7; echo done", out, err, false, Ssh::nullCounter));
-    EXPECT_EQ("done\n", out.str());
+// The lines on which whole runs used to fail: every action at 700 ms round trip, many dumps in a
+// row at 100 ms, and a server that waits 6 seconds before it starts the handshake. Each run
+// through sudo, whose dumps arm the dumping-status refresh.
+TEST_F(Wan, EveryActionEndsNormallyOnSlowAndStallingLines) {
+    ASSERT_EQ(0, ferrygate({"--deploy-agent"}).status);
+    const struct {
+        std::vector<std::string> rules;
+        std::vector<std::string> actions;
+        int times;
+        int seconds;  // that each run takes at least: the rules held
+    } lines[] = {
+        {{"--stall-down-at", "0", "--stall-ms", "6000"}, {"--dump-all"}, 1, 6},
+        {{"--delay-up-ms", "50", "--delay-down-ms", "50"}, {"--dump-all"}, 20, 1},
+        {{"--delay-up-ms", "350", "--delay-down-ms", "350"},
+         {"--send-scout", "--dump-all", "--get-content", "--remove-agent"},
+         1,
+         5},
+    };
+    for (const auto& line : lines) {
+        RelayProcess relay(port(), line.rules);
+        for (int run = 0; run < line.times; ++run) {
+            for (const std::string& action : line.actions) {
+                SCOPED_TRACE(line.rules[1] + " " + action + ", run " + std::to_string(run));
+                const auto start = Clock::now();
+                const ProcessResult r =
+                    ferrygate({action, "--port=" + std::to_string(relay.port())}, true);
+                ASSERT_EQ(0, r.status) << r.err;
+                EXPECT_GE(Clock::now() - start, std::chrono::seconds(line.seconds));
+                if (action != "--dump-all") continue;
+                EXPECT_EQ(readFile(remoteAgent_ + "/dump.xml"), readFile(sessionFile("dump.xml")));
+                archives_ = dumpArchives();
+            }
+        }
+    }
+    expectAllArchivesHere();
+    EXPECT_FALSE(boost::filesystem::exists(remoteAgent_));
 }
 
 }  // namespace

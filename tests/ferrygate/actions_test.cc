@@ -15,6 +15,7 @@
 #include "support/log_capture.h"
 #include "support/process.h"
 #include "support/xml_render.h"
+#include "xml/agent_file_list.h"
 
 namespace tavik {
 namespace {
@@ -24,6 +25,8 @@ typedef std::vector<std::vector<std::string>> Commands;
 
 // A name no shell may split, expand or run.
 const std::string kDir = "my agents; $(echo pwned) `id` 'q'\n";
+const std::string kFile = "/srv/a b;$(x).tar";
+const std::string kSumOfData = "8d777f385d3dfec8815d20f7496026dc";
 
 // The simple commands, each as its words, that the shell runs for `line`: every command it could
 // run is a stub that prints its words, and "sh -c" is opened up one level.
@@ -60,12 +63,24 @@ struct ActionRun {
     std::unique_ptr<FakeEnv> env{new FakeEnv};
     std::string stdoutText;
 
+    // A source host with a dump and one content file listed, which a test may change.
     explicit ActionRun(int action, bool sudo = false) {
         env->cfg.action = action;
         env->cfg.agentDir = kDir;
         env->cfg.sudo = sudo;
         env->cfg.sudoPasswordProvided = sudo;
         env->cfg.sudoPassword = sudo ? "sudo-secret" : "";
+        env->remoteFiles = {{kDir + "/dump.xml", "<dump/>"}, {kFile, "data"}};
+        list({{kFile, 4, kSumOfData}});
+        env->answer("--get-status", {0, "<agentstatus/>", "", {}});
+    }
+    void list(const std::vector<DumpFile>& files) {
+        std::string xml = "<contentlist>";
+        for (const DumpFile& f : files) {
+            xml += "<file size='" + std::to_string(f.size) + "' md5sum='" + f.md5 + "'>" + f.name +
+                   "</file>";
+        }
+        env->answer("--get-content-list", {0, xml + "</contentlist>", "", {}});
     }
     // Runs the action as the driver does; the failure's code, or "" on success.
     std::string operator()() {
@@ -102,62 +117,75 @@ struct ActionRun {
 
 const Commands kSudoChecks = {{"sudo", "-V"}, {"sudo", "-k"}, {"sudo", "-S", "-p", " ", "true"}};
 
+// The commands of `words` run as root: after the change into the agent directory, through sudo
+// when `sudo`.
+Commands root(bool sudo, std::vector<std::string> words) {
+    Commands c = {{"cd", kDir}};
+    if (sudo) {
+        c.push_back({"sudo", "-k"});
+        words.insert(words.begin(), {"sudo", "-S", "-p", " "});
+    }
+    c.push_back(words);
+    return c;
+}
+
+Commands join(std::initializer_list<Commands> parts) {
+    Commands all;
+    for (const auto& p : parts) all.insert(all.end(), p.begin(), p.end());
+    return all;
+}
+
 // Every line as the shell reads it, with and without sudo; the agent directory is a name that
-// any lost quoting would split, expand or run.
+// any lost quoting would split, expand or run. Deployment walks both trees onto the agent
+// directory (directories made and given to the login, files uploaded, control/ kept home), then
+// asks the agent for its status.
 TEST(Actions, SendExactlyTheseCommandsWithAndWithoutSudo) {
-    const std::vector<std::string> sudo = {"sudo", "-S", "-p", " "};
-    auto root = [&](bool withSudo, std::vector<std::string> words) {
-        Commands c = {{"cd", kDir}};
-        if (withSudo) {
-            c.push_back({"sudo", "-k"});
-            words.insert(words.begin(), sudo.begin(), sudo.end());
-        }
-        c.push_back(words);
-        return c;
-    };
-    auto join = [](std::initializer_list<Commands> parts) {
-        Commands all;
-        for (const auto& p : parts) all.insert(all.end(), p.begin(), p.end());
-        return all;
-    };
     const std::string entry = kDir + "/run.pl";
     const std::string status = kDir + "/dumping-status.xml";
-    for (bool withSudo : {false, true}) {
-        const Commands checks = withSudo ? kSudoChecks : Commands();
-        auto take = [&](const std::string& path) {
-            return withSudo ? root(true, {"chown", "mover", path}) : Commands();
-        };
+    const std::string ask =
+        "cd " + sh_quote(kDir) + " && perl " + sh_quote(entry) + " --get-status";
+    for (bool sudo : {false, true}) {
+        const Commands checks = sudo ? kSudoChecks : Commands();
+        const Commands take = sudo ? root(true, {"chown", "mover", status}) : Commands();
+        const Commands takeDump =
+            sudo ? root(true, {"chown", "mover", kDir + "/dump.xml"}) : Commands();
+        const Commands makeDir =
+            join({root(sudo, {"mkdir", "-p", kDir}), root(sudo, {"chown", "mover", kDir})});
         const struct {
             int action;
             Commands expected;
         } rows[] = {
-            {ACTION_SEND_SCOUT, join({checks, root(withSudo, {"perl"})})},
-            {ACTION_GET_DUMPING_STATUS, join({checks, take(status), {{"cat", status}}})},
+            {ACTION_SEND_SCOUT, join({checks, root(sudo, {"perl"})})},
+            {ACTION_DEPLOY_AGENT,
+             join({checks,
+                   makeDir,
+                   {{"cat>", kDir + "/Shared.pm"}},
+                   makeDir,
+                   {{"cat>", kDir + "/run.pl"}},
+                   sudo ? root(true, {"sh", "-c", ask})
+                        : Commands{{"cd", kDir}, {"cd", kDir}, {"perl", entry, "--get-status"}}})},
+            {ACTION_GET_DUMPING_STATUS, join({checks, take, {{"cat", status}}})},
             {ACTION_DUMP_ALL, join({checks,
-                                    root(withSudo, {"perl", entry, "--dump-all"}),
-                                    take(kDir + "/dump.xml"),
+                                    root(sudo, {"perl", entry, "--dump-all"}),
+                                    takeDump,
                                     {{"cat", kDir + "/dump.xml"}}})},
             {ACTION_GET_CONTENT, join({checks,
-                                       root(withSudo, {"perl", entry, "--get-content-list"}),
-                                       {{"cat", "/srv/a b;$(x).tar"}},
-                                       root(withSudo, {"xargs", "-0", "rm", "-f", "--"})})},
-            {ACTION_REMOVE_AGENT, join({checks, root(withSudo, {"rm", "-rf", kDir})})},
+                                       root(sudo, {"perl", entry, "--get-content-list"}),
+                                       {{"cat", kFile}},
+                                       root(sudo, {"xargs", "-0", "rm", "-f", "--"})})},
+            {ACTION_REMOVE_AGENT, join({checks, root(sudo, {"rm", "-rf", kDir})})},
             {ACTION_REMOVE_DUMPING_STATUS, {}},
         };
         for (const auto& row : rows) {
-            ActionRun run(row.action, withSudo);
-            run.env->remoteFiles[kDir + "/dump.xml"] = "<dump/>";
-            run.env->remoteFiles["/srv/a b;$(x).tar"] = "data";
-            run.env->answer(
-                "--get-content-list",
-                {0,
-                 "<contentlist><file size='4' md5sum='8d777f385d3dfec8815d20f7496026dc'>"
-                 "/srv/a b;$(x).tar</file></contentlist>",
-                 "",
-                 {}});
+            ActionRun run(row.action, sudo);
             ASSERT_EQ("", run()) << row.action;
-            EXPECT_EQ(row.expected, run.sent()) << "action " << row.action << " sudo " << withSudo;
+            EXPECT_EQ(row.expected, run.sent()) << "action " << row.action << " sudo " << sudo;
         }
+        ActionRun deploy(ACTION_DEPLOY_AGENT, sudo);
+        ASSERT_EQ("", deploy());
+        EXPECT_EQ("1;\n", deploy.env->remoteFiles[sh_quote(kDir + "/Shared.pm")]);
+        EXPECT_EQ("<agentstatus/>",
+                  testing::readFile(deploy.env->session().getDeploymentStatusFileName()));
     }
 }
 
@@ -195,17 +223,10 @@ TEST(Actions, ReportProgressInThisOrder) {
     };
     for (const auto& row : rows) {
         ActionRun run(row.action);
-        run.env->remoteFiles[kDir + "/dump.xml"] = "<dump/>";
         run.env->remoteFiles["/a/a.tar"] = "data";
         run.env->remoteFiles["/b/b.tar"] = "abc";
-        run.env->answer("--get-content-list",
-                        {0,
-                         "<contentlist>"
-                         "<file size='4' md5sum='8d777f385d3dfec8815d20f7496026dc'>/a/a.tar</file>"
-                         "<file size='3' md5sum='900150983cd24fb0d6963f7d28e17f72'>/b/b.tar</file>"
-                         "</contentlist>",
-                         "",
-                         {}});
+        run.list(
+            {{"/a/a.tar", 4, kSumOfData}, {"/b/b.tar", 3, "900150983cd24fb0d6963f7d28e17f72"}});
         ASSERT_EQ("", run()) << row.action;
         // The last save is the document's own as it closes.
         if (!run.env->statusSaves.empty()) {
@@ -219,9 +240,6 @@ TEST(Actions, ReportProgressInThisOrder) {
 // Which failure each fault of the source host, or of this one, ends an action with.
 TEST(Actions, FailWithTheirOwnKindAndExitCode) {
     const std::function<void()> lost = [] { TAVIK_RAISE(SshConnectionFault); };
-    const std::string list =
-        "<contentlist><file size='5' md5sum='8d777f385d3dfec8815d20f7496026dc'>/a/a.tar</file>"
-        "</contentlist>";
     const struct {
         int action;
         bool sudo;
@@ -252,25 +270,40 @@ TEST(Actions, FailWithTheirOwnKindAndExitCode) {
          {0, "<contentlist><file/>", "", {}},
          "CantRetrieveContentList",
          2},
-        {ACTION_GET_CONTENT, false, "a.tar", {0, "", "", lost}, "SshConnectionFault", 18},
-        {ACTION_GET_CONTENT, false, "cat /a/a.tar", {0, "short", "", {}}, "WrongMd5Sum", 2},
+        {ACTION_GET_CONTENT,
+         false,
+         "--get-content-list",
+         {0,
+          "<contentlist><file size='1' md5sum='x'>/a/x</file><file size='1' "
+          "md5sum='y'>/b/x</file></contentlist>",
+          "",
+          {}},
+         "CantRetrieveContentList",
+         2},
+        {ACTION_GET_CONTENT, false, "a\\ b", {0, "", "", lost}, "SshConnectionFault", 18},
+        {ACTION_GET_CONTENT, false, "cat /srv", {0, "dada", "", {}}, "WrongMd5Sum", 2},
         {ACTION_REMOVE_AGENT, true, "rm -rf", {0, "", "", lost}, "", 0},
     };
     for (const auto& row : rows) {
         ActionRun run(row.action, row.sudo);
-        run.env->remoteFiles[kDir + "/dump.xml"] = "<dump/>";
-        run.env->remoteFiles["/a/a.tar"] = "data!";
         run.env->answer(row.match, row.reply);
-        if (row.action == ACTION_GET_CONTENT)
-            run.env->answer("--get-content-list", {0, list, "", {}});
         EXPECT_EQ(row.code, run()) << row.action << " " << row.match;
         EXPECT_EQ(row.exitCode, run.exitCode) << row.action << " " << row.match;
         EXPECT_TRUE(run.env->deleted.empty()) << "a source was deleted";
     }
-    // Nothing is fetched when the space is short, nor without an agent to ask.
+    // Nothing is fetched when the list holds an entity that would expand to a gigabyte, nor
+    // when the space is short, nor without an agent to ask.
+    std::string flat = "<!DOCTYPE contentlist [<!ENTITY e \"" + std::string(100 * 1024, 'x') +
+                       "\">]><contentlist><file size='1' md5sum='x'>";
+    for (int i = 0; i < 10000; ++i) flat += "&e;";
+    ActionRun bomb(ACTION_GET_CONTENT);
+    bomb.env->answer("--get-content-list", {0, flat + "</file></contentlist>", "", {}});
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ("CantRetrieveContentList", bomb());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_EQ(1u, bomb.env->commands().size());
     ActionRun content(ACTION_GET_CONTENT);
-    content.env->answer("--get-content-list", {0, list, "", {}});
-    content.env->free = 4;
+    content.env->free = 3;
     EXPECT_EQ("NotEnoughSpace", content());
     ActionRun dump(ACTION_DUMP_ALL);
     dump.env->cfg.agentName = "missing";
@@ -281,7 +314,6 @@ TEST(Actions, FailWithTheirOwnKindAndExitCode) {
 // A source is deleted only once its copy matches the listed sum; a copy an earlier run left is
 // finished or continued, never trusted blindly.
 TEST(Actions, ContentIsVerifiedResumedAndOnlyThenDeleted) {
-    const std::string sumOfData = "8d777f385d3dfec8815d20f7496026dc";
     const struct {
         const char* name;
         const char* here;  // the local copy before the run, "-" for none
@@ -311,12 +343,7 @@ TEST(Actions, ContentIsVerifiedResumedAndOnlyThenDeleted) {
         if (std::string(row.here) != "-") testing::writeTextFile(local, row.here);
         const bool changed = std::string(row.code) == "WrongMd5Sum";
         run.env->remoteFiles["/a/x.tar"] = changed ? "dada" : "data";
-        run.env->answer("--get-content-list",
-                        {0,
-                         "<contentlist><file size='" + std::to_string(row.listedSize) +
-                             "' md5sum='" + sumOfData + "'>/a/x.tar</file></contentlist>",
-                         "",
-                         {}});
+        run.list({{"/a/x.tar", row.listedSize, kSumOfData}});
         EXPECT_EQ(row.code, run()) << row.name;
         std::vector<std::string> fetches;
         for (const std::string& line : run.env->commands()) {
@@ -338,15 +365,9 @@ TEST(Actions, ContentIsVerifiedResumedAndOnlyThenDeleted) {
 TEST(Actions, FilesFetchedTogetherFallBackToOneByOne) {
     ActionRun run(ACTION_GET_CONTENT);
     run.env->remoteFiles = {{"/a/1", "data"}, {"/a/2", "abc"}, {"/a/3", "data"}};
-    run.env->answer("--get-content-list",
-                    {0,
-                     "<contentlist>"
-                     "<file size='4' md5sum='8d777f385d3dfec8815d20f7496026dc'>/a/1</file>"
-                     "<file size='2' md5sum='900150983cd24fb0d6963f7d28e17f72'>/a/2</file>"
-                     "<file size='4' md5sum='8d777f385d3dfec8815d20f7496026dc'>/a/3</file>"
-                     "</contentlist>",
-                     "",
-                     {}});
+    run.list({{"/a/1", 4, kSumOfData},
+              {"/a/2", 2, "900150983cd24fb0d6963f7d28e17f72"},
+              {"/a/3", 4, kSumOfData}});
     ASSERT_EQ("", run());
     std::vector<std::string> fetches;
     for (const auto& line : run.env->commands()) {
@@ -369,7 +390,6 @@ TEST(Actions, PasswordLinesOfTheInputAreMaskedWhereTheInputIsLogged) {
     run.env->cfg.contentTransport = "rsync";
     run.env->cfg.host = "h1";
     run.env->cfg.login = "pp";
-    run.env->remoteFiles[kDir + "/dump.xml"] = "<dump/>";
     testing::LogCapture log("p.Action");
     ASSERT_EQ("", run());
     const auto dump = std::find_if(run.env->calls.begin(), run.env->calls.end(), [](auto& call) {
@@ -379,66 +399,6 @@ TEST(Actions, PasswordLinesOfTheInputAreMaskedWhereTheInputIsLogged) {
     EXPECT_EQ("p\nh1\npp\n1\n0\n", dump->input);
     EXPECT_NE(std::string::npos, log.text().find("remote stdin <- ***\nh1\npp\n***\n0\n"))
         << log.text();
-}
-
-// Lists that would lose a file or exhaust this host are refused before anything moves: two
-// sources sharing one local copy, and an entity that would expand to a gigabyte.
-TEST(Actions, HostileContentListsAreRefusedBeforeAnythingMoves) {
-    std::string flat = "<!DOCTYPE contentlist [<!ENTITY e \"" + std::string(100 * 1024, 'x') +
-                       "\">]><contentlist><file size='1' md5sum='x'>";
-    for (int i = 0; i < 10000; ++i) flat += "&e;";
-    for (const std::string& list :
-         {std::string("<contentlist><file size='1' md5sum='x'>/a/site.tar</file>"
-                      "<file size='1' md5sum='y'>/b/site.tar</file></contentlist>"),
-          flat + "</file></contentlist>"}) {
-        ActionRun run(ACTION_GET_CONTENT);
-        run.env->answer("--get-content-list", {0, list, "", {}});
-        const auto start = std::chrono::steady_clock::now();
-        EXPECT_EQ("CantRetrieveContentList", run());
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
-        EXPECT_EQ(1u, run.env->commands().size());
-        EXPECT_TRUE(run.env->deleted.empty());
-    }
-}
-
-// Each tree is walked onto the agent directory: directories made and given to the login, files
-// uploaded, the control directory kept home; then the agent is asked for its status.
-TEST(Actions, DeploymentUploadsTheTreesAndAsksTheAgent) {
-    for (bool withSudo : {false, true}) {
-        ActionRun run(ACTION_DEPLOY_AGENT, withSudo);
-        run.env->answer("--get-status", {0, "<agentstatus/>", "", {}});
-        ASSERT_EQ("", run());
-        const std::vector<std::string> sudo =
-            withSudo ? std::vector<std::string>{"sudo", "-S", "-p", " "}
-                     : std::vector<std::string>{};
-        auto root = [&](std::vector<std::string> words) {
-            Commands c = {{"cd", kDir}};
-            if (withSudo) c.push_back({"sudo", "-k"});
-            words.insert(words.begin(), sudo.begin(), sudo.end());
-            c.push_back(words);
-            return c;
-        };
-        Commands expected = withSudo ? kSudoChecks : Commands();
-        for (const char* file : {"/Shared.pm", "/run.pl"}) {
-            for (const auto& c : root({"mkdir", "-p", kDir})) expected.push_back(c);
-            for (const auto& c : root({"chown", "mover", kDir})) expected.push_back(c);
-            expected.push_back({"cat>", kDir + file});
-        }
-        const std::string ask =
-            "cd " + sh_quote(kDir) + " && perl " + sh_quote(kDir + "/run.pl") + " --get-status";
-        if (withSudo) {
-            for (const auto& c : root({"sh", "-c", ask})) expected.push_back(c);
-        } else {
-            for (const auto& c :
-                 Commands{{"cd", kDir}, {"cd", kDir}, {"perl", kDir + "/run.pl", "--get-status"}}) {
-                expected.push_back(c);
-            }
-        }
-        EXPECT_EQ(expected, run.sent()) << "sudo " << withSudo;
-        EXPECT_EQ("1;\n", run.env->remoteFiles[sh_quote(kDir + "/Shared.pm")]);
-        EXPECT_EQ("<agentstatus/>",
-                  testing::readFile(run.env->session().getDeploymentStatusFileName()));
-    }
 }
 
 }  // namespace

@@ -74,7 +74,9 @@ TEST(Driver, AVerificationFailureIsRecordedInTheSessionLog) {
 
 TEST(Driver, EarlyFailuresAnswerOnStandardErrorBeforeAnySessionExists) {
     ASSERT_TRUE(testing::addSystemAccount("hmxadm"));
-    testing::ScratchDir cwd;
+    testing::ScratchDir product, cwd;
+    testing::writeTextFile("/etc/hmx/hmx.conf", "PRODUCT_ROOT_D " + product.path() + "\n");
+    testing::writeTextFile(product.path() + "/RKU/log4cpp.properties", "");
     const struct {
         std::vector<std::string> args;
         std::string err;  // the start of standard error, or a part of it after "..."

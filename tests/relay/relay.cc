@@ -7,6 +7,7 @@
 //   --stall-{up,down}-at N   pause for --stall-ms (default 1000) once N bytes have gone; repeatable
 //   --cut-{up,down}-at N     close both sides once N bytes have gone, with RST under
 //                            --cut-with-reset
+//   --drop-first N           close the first N connections at once, before reaching the target
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -49,6 +50,7 @@ struct Options {
     Rules rules[2];  // up, down
     std::chrono::milliseconds stallFor{1000};
     bool reset = false;
+    uint64_t dropFirst = 0;
 };
 
 // One relayed connection. Each direction has a thread that reads what arrives, stamps it with
@@ -180,9 +182,13 @@ void run(const Options& options) {
         fail("listen");
     std::printf("%u\n", ntohs(address.sin_port));
     std::fflush(stdout);
-    for (;;) {
+    for (uint64_t accepted = 0;;) {
         const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (client < 0) continue;
+        if (accepted++ < options.dropFirst) {
+            close(client);
+            continue;
+        }
         const int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (connect(server, reinterpret_cast<const sockaddr*>(&options.target),
                     sizeof options.target) != 0) {
@@ -230,6 +236,7 @@ Options parse(int argc, char** argv) {
         {"--listen", [&](const char* v) { o.listen = address(v, &o.listenHigh); }},
         {"--target", [&](const char* v) { o.target = address(v), haveTarget = true; }},
         {"--stall-ms", [&](const char* v) { o.stallFor = std::chrono::milliseconds(count(v)); }},
+        {"--drop-first", [&](const char* v) { o.dropFirst = count(v); }},
     };
     for (int d : {0, 1}) {
         Rules* r = &o.rules[d];

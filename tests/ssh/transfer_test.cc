@@ -1,11 +1,10 @@
 // Downloads and uploads against a real server: byte-identical in every size, a missing remote
-// file, the mode of downloads, and a requested stop.
+// file, the mode of downloads.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <boost/filesystem.hpp>
 #include <random>
-#include <sstream>
 
 #include "commons/checksum.h"
 #include "ssh/ssh_transfer.h"
@@ -25,7 +24,6 @@ class Transfer : public test::SshdTest {
     }
     void TearDown() override {
         ssh.reset();
-        isProgramTerminated = false;
         SshdTest::TearDown();
     }
 
@@ -73,26 +71,6 @@ TEST_F(Transfer, DownloadsAreMode0640WhateverTheUmaskAndEmptyForAMissingFile) {
     testing::writeTextFile(stale, "stale");
     ssh->get(stale, "no-such-file");
     EXPECT_EQ(0u, fs::file_size(stale));
-}
-
-// Asks for a stop once the first chunk has been counted.
-class StopAfterFirstChunk : public Ssh::Counter {
-  public:
-    void operator()(int bytes) override {
-        total += bytes;
-        terminateProgram();
-    }
-    long long total = 0;
-};
-
-TEST_F(Transfer, RequestedStopEndsADownloadAtItsNextChunk) {
-    ASSERT_EQ(0, sshd().runAsUser("head -c 50000000 /dev/zero > big").status);
-    StopAfterFirstChunk counter;
-    std::ostringstream out;
-    EXPECT_THROW(ssh->get(out, "big", counter), MigrationTerminatedException);
-    EXPECT_GT(counter.total, 0);
-    EXPECT_LE(counter.total, 65536);
-    EXPECT_EQ(0u, out.str().size());
 }
 
 }  // namespace

@@ -40,9 +40,11 @@ class FakeEnv : private FakeEnvFiles, public Env {
     // A session, an agent "fake" (entry point run.pl, shared files beside it) and a scout.
     FakeEnv();
 
-    // The first rule whose text occurs in a command line answers it; without one a command
-    // succeeds silently. "cat <path>" and "cat > <path>" read and write `remoteFiles` first.
-    void answer(const std::string& match, Reply reply) { rules_.push_back({match, reply}); }
+    // The newest rule whose text occurs in a command line answers it; without one a command
+    // succeeds silently, and "cat", "tail -c +N" and "cat >" read and write `remoteFiles`.
+    void answer(const std::string& match, Reply reply) {
+        rules_.insert(rules_.begin(), {match, reply});
+    }
     // Remote files by path.
     std::map<std::string, std::string> remoteFiles;
     std::vector<Call> calls;

@@ -26,10 +26,11 @@ inline sockaddr_in loopbackAddress(uint16_t port) {
 
 class LoopbackSocket {
   public:
-    // Bound, and listening when `listening`; throws std::runtime_error on failure.
-    explicit LoopbackSocket(bool listening = true)
+    // Bound to `port` (0: one the kernel picks), and listening when `listening`; throws
+    // std::runtime_error on failure.
+    explicit LoopbackSocket(bool listening = true, uint16_t port = 0)
         : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address = loopbackAddress(0);
+        sockaddr_in address = loopbackAddress(port);
         socklen_t length = sizeof address;
         if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
             (listening && listen(fd_, 8) != 0) ||

@@ -35,16 +35,18 @@ std::string randomPassword() {
     return password;
 }
 
-SshdServer::SshdServer(const SshdOptions& options) : password_(randomPassword()) {
+SshdServer::SshdServer(const SshdOptions& options)
+    : host_(options.address), password_(randomPassword()) {
     if (!testing::inSandbox()) {
         throw std::runtime_error(
             "the sshd fixture needs scripts/sandbox.sh (run the tests with ctest)");
     }
-    std::vector<std::string> argv = {"/bin/bash",  scriptsDir() + "/sshd-host.sh",
-                                     "start",      "--user",
-                                     user_,        "--auth",
-                                     options.auth, "--ports",
-                                     "20000-32767"};
+    std::vector<std::string> argv = {"/bin/bash",    scriptsDir() + "/sshd-host.sh",
+                                     "start",        "--user",
+                                     user_,          "--auth",
+                                     options.auth,   "--ports",
+                                     "20000-32767",  "--address",
+                                     options.address};
     if (options.compat) argv.push_back("--compat");
     if (!options.shell.empty()) {
         argv.push_back("--shell");

@@ -25,6 +25,8 @@ struct SshdOptions {
     bool compat = false;
     // Login shell of the account; empty means /bin/bash.
     std::string shell;
+    // The one address the server listens on.
+    std::string address = "127.0.0.1";
 };
 
 // One running server and its test account; stopped (with all its sessions) by the destructor.
@@ -53,7 +55,7 @@ class SshdServer {
     void stop();
 
   private:
-    std::string host_ = "127.0.0.1";
+    std::string host_;
     unsigned short port_ = 0;
     std::string user_ = "fgtest";
     std::string password_;
