@@ -234,6 +234,58 @@ TEST_F(Migration, FailuresEndWithTheirOwnCodeAndMessage) {
     EXPECT_EQ("", r.out);
 }
 
+// The first run records the server's key where OpenSSH's tools find it; from then on a server
+// with another key on that address is refused before any log-in, and so is a key other than the
+// one pinned with --host-key, and with SSH_STRICT_HOST_KEYS a host not yet known.
+TEST_F(Migration, HostKeysAreRecordedOnFirstSightAndCheckedFromThenOn) {
+    const std::string product = agentsDir_.substr(0, agentsDir_.rfind("/RKU/agents"));
+    const std::string file = product + "/var/known_hosts";
+    const std::string name = "[127.0.0.1]:" + std::to_string(port());
+    ASSERT_EQ(0, ferrygate({"--send-scout"}).status);
+    const ProcessResult found = runProcess({"/usr/bin/ssh-keygen", "-F", name, "-f", file});
+    EXPECT_NE(std::string::npos, found.out.find("\n" + name + " ssh-ed25519 ")) << found.out;
+    const std::string listed = runProcess({"/usr/bin/ssh-keygen", "-l", "-f", file}).out;
+    ASSERT_NE(std::string::npos, listed.find(" " + name + " (ED25519)")) << listed;
+    const std::string key = listed.substr(listed.find("SHA256:"), 50);
+    EXPECT_EQ(0, ferrygate({"--send-scout", "--host-key=" + key}).status);
+    EXPECT_NE(std::string::npos, sshd().log().find("Accepted password for " + user()));
+
+    const std::string wrong = "SHA256:" + std::string(43, 'A');
+    const std::string conf = readFile("/etc/hmx/hmx.conf");
+    const std::string failed = "Host key verification failed for " + name;
+    testing::writeTextFile("/etc/hmx/hmx.conf",
+                           conf + "SSH_KNOWN_HOSTS " + file + ".new\nSSH_STRICT_HOST_KEYS yes\n");
+    ProcessResult r = ferrygate({"--send-scout"});
+    EXPECT_EQ(20, r.status);
+    EXPECT_EQ(failed + ": the host is not in " + file + ".new, and unknown hosts are refused; " +
+                  "the server offered " + key,
+              r.err);
+    testing::writeTextFile("/etc/hmx/hmx.conf", conf);
+    r = ferrygate({"--send-scout", "--host-key=" + wrong});
+    EXPECT_EQ(19, r.status);
+    EXPECT_EQ(failed + ": expected " + wrong + " (given with --host-key), but the server offered " +
+                  key + "; no password was sent",
+              r.err);
+
+    // Another server, with a key of its own, where the first one was.
+    sshd().stop();
+    SshdOptions same;
+    same.port = port();
+    SshdServer other(same);
+    r = ferrygate({"--send-scout"});
+    EXPECT_EQ(19, r.status);
+    const std::string expected = failed + ": expected " + key + " (recorded in " + file +
+                                 "), but the server offered SHA256:";
+    EXPECT_EQ(expected, r.err.substr(0, expected.size()));
+    EXPECT_EQ(std::string::npos, r.err.find(key, expected.size())) << r.err;
+    EXPECT_EQ(listed, runProcess({"/usr/bin/ssh-keygen", "-l", "-f", file}).out);
+    const std::string log = other.log();
+    EXPECT_NE(std::string::npos, log.find("Connection from 127.0.0.1")) << log;
+    for (const char* attempt : {"Accepted ", "Failed ", "Postponed ", "Invalid user"}) {
+        EXPECT_EQ(std::string::npos, log.find(attempt)) << log;
+    }
+}
+
 class Content : public Migration {};
 
 TEST_F(Content, ALongDumpRefreshesTheSessionsDumpingStatus) {

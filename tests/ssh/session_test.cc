@@ -62,7 +62,8 @@ class Ipv6OnlyServer : public Server {
 
 TEST_F(PasswordServer, WrongPasswordIsInvalidCredentialsAfterBothMethodsWereTriedOnce) {
     // A retry would count twice against the account's lock-out limit.
-    EXPECT_THROW(Ssh(host(), user(), password() + "x", false, port()), Exc<&SshInvalidCredentials>);
+    EXPECT_THROW(Ssh(host(), user(), password() + "x", false, port(), hostKeys()),
+                 Exc<&SshInvalidCredentials>);
     // sshd logs a failed attempt only once the client has gone.
     std::string log;
     for (int i = 0; i < 100 && countMatches(log, "Failed (password|keyboard-interactive)") < 2;
@@ -77,7 +78,7 @@ TEST_F(PasswordServer, WrongPasswordIsInvalidCredentialsAfterBothMethodsWereTrie
 // This library has no "none" cipher: a preference it cannot meet must not fail the connection.
 TEST_F(PasswordServer, NoEncryptionFallsBackToEncryptionWithOneWarning) {
     LogCapture sessionLog("p.libssh2pp.Session");
-    Ssh ssh(host(), user(), password(), true, port());
+    Ssh ssh(host(), user(), password(), true, port(), hostKeys());
     EXPECT_FALSE(ssh.session().compatibility());
     EXPECT_EQ(1, countMatches(sessionLog.text(), "WARN .*stays encrypted"));
     expectCommandsWork(ssh);
@@ -85,7 +86,7 @@ TEST_F(PasswordServer, NoEncryptionFallsBackToEncryptionWithOneWarning) {
 
 TEST_F(KeyboardInteractiveServer, AnswersThePromptsWithThePassword) {
     LogCapture sessionLog("p.libssh2pp.Session");
-    Ssh ssh(host(), user(), password(), false, port());
+    Ssh ssh(host(), user(), password(), false, port(), hostKeys());
     const std::string log = sessionLog.text();
     EXPECT_EQ(std::string::npos, log.find("Trying 'password' authentication"));
     EXPECT_NE(std::string::npos, log.find("Filling 1 responses with the password"));
@@ -93,7 +94,8 @@ TEST_F(KeyboardInteractiveServer, AnswersThePromptsWithThePassword) {
 }
 
 TEST_F(PublicKeyServer, IsRefusedWithoutAnyAttempt) {
-    EXPECT_THROW(Ssh(host(), user(), password(), false, port()), Exc<&SshInvalidCredentials>);
+    EXPECT_THROW(Ssh(host(), user(), password(), false, port(), hostKeys()),
+                 Exc<&SshInvalidCredentials>);
     EXPECT_EQ(0, countMatches(sshd().log(), "Failed (password|keyboard-interactive)"));
 }
 
@@ -101,7 +103,7 @@ TEST_F(PublicKeyServer, IsRefusedWithoutAnyAttempt) {
 // reserve channel must leave the session fit for every later command.
 TEST_F(LegacyKexServer, TheCompatibilityRetryRunsCommandsBesideItsReserveChannel) {
     test::RelayProcess front(port(), {"--drop-first", "1"});
-    Ssh ssh(host(), user(), password(), false, front.port());
+    Ssh ssh(host(), user(), password(), false, front.port(), hostKeys());
     ASSERT_TRUE(ssh.session().compatibility());
     EXPECT_NE(nullptr, ssh.session().reserveChannel());
     EXPECT_STREQ("diffie-hellman-group1-sha1",
@@ -110,7 +112,7 @@ TEST_F(LegacyKexServer, TheCompatibilityRetryRunsCommandsBesideItsReserveChannel
 }
 
 TEST_F(Ipv6OnlyServer, IsReachedByItsAddress) {
-    Ssh ssh("::1", user(), password(), false, port());
+    Ssh ssh("::1", user(), password(), false, port(), hostKeys());
     expectCommandsWork(ssh);
 }
 

@@ -20,7 +20,7 @@ class Transfer : public test::SshdTest {
   protected:
     void SetUp() override {
         SshdTest::SetUp();
-        ssh.reset(new Ssh(host(), user(), password(), false, port()));
+        ssh.reset(new Ssh(host(), user(), password(), false, port(), hostKeys()));
     }
     void TearDown() override {
         ssh.reset();

@@ -41,11 +41,17 @@ SshdServer::SshdServer(const SshdOptions& options)
         throw std::runtime_error(
             "the sshd fixture needs scripts/sandbox.sh (run the tests with ctest)");
     }
-    std::vector<std::string> argv = {"/bin/bash",    scriptsDir() + "/sshd-host.sh",
-                                     "start",        "--user",
-                                     user_,          "--auth",
-                                     options.auth,   "--ports",
-                                     "20000-32767",  "--address",
+    const std::string port = std::to_string(options.port);
+    std::vector<std::string> argv = {"/bin/bash",
+                                     scriptsDir() + "/sshd-host.sh",
+                                     "start",
+                                     "--user",
+                                     user_,
+                                     "--auth",
+                                     options.auth,
+                                     "--ports",
+                                     options.port != 0 ? port + "-" + port : "20000-32767",
+                                     "--address",
                                      options.address};
     if (options.compat) argv.push_back("--compat");
     if (!options.shell.empty()) {

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "ssh/known_hosts.h"
 #include "support/process.h"
 
 namespace tavik {
@@ -27,6 +28,8 @@ struct SshdOptions {
     std::string shell;
     // The one address the server listens on.
     std::string address = "127.0.0.1";
+    // The port; 0 for a random one.
+    unsigned short port = 0;
 };
 
 // One running server and its test account; stopped (with all its sessions) by the destructor.
@@ -49,6 +52,8 @@ class SshdServer {
     // Kills every per-connection process and what runs below it, as a crash of the server side
     // of every connection would; the listener keeps running.
     void killSessions() const;
+    // A known hosts file for the clients of this server, which goes with it.
+    std::string knownHostsFile() const { return dir_ + "/known_hosts"; }
     // The server's own log, for diagnosing a failing test.
     std::string log() const;
     // Stops the server now (the destructor does it otherwise).
@@ -76,6 +81,7 @@ class SshdTest : public ::testing::Test {
     unsigned short port() const { return server_->port(); }
     const std::string& user() const { return server_->user(); }
     const std::string& password() const { return server_->password(); }
+    HostKeyPolicy hostKeys() const { return HostKeyPolicy(server_->knownHostsFile()); }
 
   private:
     std::unique_ptr<SshdServer> server_;
