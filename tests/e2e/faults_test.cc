@@ -1,28 +1,23 @@
-// The fault matrix: the real ferrygate against a loopback sshd that crashes, a disk that fills,
-// a broken host configuration, kills at random moments and hostile remote paths. Each row checks
-// the exit code and message, that nothing already on disk is lost, and that a rerun finishes.
+// The fault matrix: the real ferrygate against a loopback sshd that crashes or never answers, a
+// disk that fills and a broken host configuration. Each row checks the exit code and message,
+// that nothing already on disk is lost, and that a rerun finishes.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
+#include <netinet/in.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
+#include <sys/socket.h>
 
-#include <atomic>
 #include <boost/filesystem.hpp>
 #include <chrono>
 #include <fstream>
 #include <functional>
-#include <random>
 #include <regex>
 #include <set>
 #include <thread>
 
-#include "support/loopback.h"
+#include "commons/unique_fd.h"
 #include "support/migration_host.h"
 #include "support/relay_process.h"
 #include "support/xml_render.h"
-
-extern char** environ;
 
 namespace tavik {
 namespace test {
@@ -133,26 +128,101 @@ TEST_F(Faults, TheServerDisappears) {
 
 // A listener whose queue is full drops the connection request, as a host that is gone would.
 TEST_F(Faults, AConnectionNeverAnsweredTimesOutAtTheConnectTimeout) {
-    std::unique_ptr<testing::LoopbackSocket> full;  // at a port that ferrygate accepts
-    for (uint16_t port = 20000; !full && port < 32768; ++port) {
-        try {
-            full.reset(new testing::LoopbackSocket(false, port));
-        } catch (const std::runtime_error&) {
-        }
+    const UniqueFd full(socket(AF_INET, SOCK_STREAM, 0)), queued(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    for (uint16_t port = 20000; port < 32768; ++port) {  // one that ferrygate accepts
+        address.sin_port = htons(port);
+        if (bind(full.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) break;
     }
-    ASSERT_TRUE(full && listen(full->fd(), 0) == 0);
-    const int queued = testing::connectLoopback(full->port());
+    ASSERT_EQ(0, listen(full.get(), 0));
+    ASSERT_EQ(0, connect(queued.get(), reinterpret_cast<sockaddr*>(&address), sizeof address));
     std::ofstream("/etc/hmx/hmx.conf", std::ios::app) << "SSH_CONNECT_TIMEOUT 3\n";
     const auto start = Clock::now();
-    const ProcessResult r = ferrygate({"--send-scout", "--port=" + std::to_string(full->port())});
+    const ProcessResult r =
+        ferrygate({"--send-scout", "--port=" + std::to_string(ntohs(address.sin_port))});
     EXPECT_EQ(12, r.status);
     EXPECT_EQ("Timeout while attempting connection to host 127.0.0.1", r.err);
     EXPECT_GE(Clock::now() - start, std::chrono::seconds(3));
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(6));
-    close(queued);
 }
 
-TEST_F(Faults, AFullDiskFailsTheDownloadAndARerunFinishesOnceThereIsRoom) {
+// A line that goes silent, or is cut with a reset, mid-transfer is a lost connection, found
+// within seconds; a rerun then completes.
+TEST_F(Faults, ALineThatGoesSilentOrIsCutFailsAndARerunCompletes) {
+    addRandomFile("shop.test/big.bin", 3 << 20);
+    deployAndDump();
+    const auto files = dumpArchives();
+    std::ofstream("/etc/hmx/hmx.conf", std::ios::app) << "SSH_SILENCE_TIMEOUT 2\n";
+    const struct {
+        std::vector<std::string> rules;
+        std::set<int> codes;
+        std::string message;
+    } rows[] = {
+        {{"--stall-down-at", "1500000", "--stall-ms", "60000"}, {18}, kLost},
+        {{"--cut-down-at", "1500000", "--cut-with-reset"}, {18, 15}, "Lost connection"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.rules[0]);
+        RelayProcess relay(port(), row.rules);
+        const auto start = Clock::now();
+        const ProcessResult r =
+            ferrygate({"--get-content", "--port=" + std::to_string(relay.port())});
+        EXPECT_EQ(1u, row.codes.count(r.status)) << r.status << ": " << r.err;
+        EXPECT_NE(std::string::npos, r.err.find(row.message)) << r.err;
+        // Two seconds of silence, found at the end of a wait of at most five.
+        EXPECT_LT(Clock::now() - start, std::chrono::seconds(15));
+    }
+    const ProcessResult r = ferrygate({"--get-content"});
+    ASSERT_EQ(0, r.status) << r.err;
+    ASSERT_EQ(4u, files.size());
+    for (const auto& file : files) EXPECT_EQ(file.md5, md5OfFile(sessionFile(file.name)));
+}
+
+// Slow and stalling lines are no faults: a stall at the start of the handshake, twenty dumps at
+// 100 ms round trip, and every action at 700 ms, through sudo, all end normally.
+TEST_F(Faults, EveryActionEndsNormallyOnSlowAndStallingLines) {
+    ASSERT_EQ(0, ferrygate({"--deploy-agent"}).status);
+    const struct {
+        std::vector<std::string> rules;
+        std::vector<std::string> actions;
+        int times;
+        int seconds;  // that each run takes at least: the rules held
+    } lines[] = {
+        {{"--stall-down-at", "0", "--stall-ms", "6000"}, {"--dump-all"}, 1, 6},
+        {{"--delay-up-ms", "50", "--delay-down-ms", "50"}, {"--dump-all"}, 20, 1},
+        {{"--delay-up-ms", "350", "--delay-down-ms", "350"},
+         {"--send-scout", "--dump-all", "--get-content", "--remove-agent"},
+         1,
+         5},
+    };
+    for (const auto& line : lines) {
+        RelayProcess relay(port(), line.rules);
+        for (int run = 0; run < line.times; ++run) {
+            for (const std::string& action : line.actions) {
+                SCOPED_TRACE(line.rules[1] + " " + action + ", run " + std::to_string(run));
+                const auto start = Clock::now();
+                const ProcessResult r =
+                    ferrygate({action, "--port=" + std::to_string(relay.port())}, true);
+                ASSERT_EQ(0, r.status) << r.err;
+                EXPECT_GE(Clock::now() - start, std::chrono::seconds(line.seconds));
+                if (action == "--dump-all") {
+                    EXPECT_EQ(readFile(remoteAgent_ + "/dump.xml"),
+                              readFile(sessionFile("dump.xml")));
+                }
+            }
+        }
+    }
+    // The content of the last dump arrived whole.
+    for (const auto& file : dumpArchives()) {
+        EXPECT_EQ(file.md5, md5OfFile(sessionFile(file.name)));
+    }
+    EXPECT_FALSE(fs::exists(remoteAgent_));
+}
+
+// A rerun resumes the partial copy: the actions' resume test and the stopped download's rerun.
+TEST_F(Faults, AFullDiskFailsTheDownloadAndKeepsWhatArrived) {
     addRandomFile("shop.test/big.bin", 1 << 20);
     deployAndDump();
     const auto files = dumpArchives();
@@ -160,9 +230,8 @@ TEST_F(Faults, AFullDiskFailsTheDownloadAndARerunFinishesOnceThereIsRoom) {
     const std::string dumps = session_ + "/small";
     fs::create_directories(dumps);
     ASSERT_EQ(0, mount("fgfull", dumps.c_str(), "tmpfs", 0, "size=512k"));
-    const std::vector<std::string> args = {"--get-content", "--no-check-space",
-                                           "--dumps-dir=" + dumps};
-    ProcessResult r = ferrygate(args);
+    const ProcessResult r =
+        ferrygate({"--get-content", "--no-check-space", "--dumps-dir=" + dumps});
     EXPECT_EQ(2, r.status);
     EXPECT_EQ(0u, r.err.find("Error during " + dumps + "/shop.test_site.tar.gz write: ")) << r.err;
     EXPECT_TRUE(fileHas(sessionFile("migration.result"), "FileWrite"));
@@ -172,34 +241,7 @@ TEST_F(Faults, AFullDiskFailsTheDownloadAndARerunFinishesOnceThereIsRoom) {
         EXPECT_EQ(file.md5, md5OfFile(dumps + "/" + file.name)) << file.name;
     }
     EXPECT_TRUE(wellFormedStatus(sessionFile("migration.status")));
-
-    ASSERT_EQ(0, mount("fgfull", dumps.c_str(), "tmpfs", MS_REMOUNT, "size=4m"));
-    r = ferrygate(args);
-    EXPECT_EQ(0, r.status) << r.err;
-    for (const auto& file : files) EXPECT_EQ(file.md5, md5OfFile(dumps + "/" + file.name));
     umount(dumps.c_str());
-}
-
-// A relay cannot drop packets, but the stalls their retransmissions cause it can make: across a
-// 100 ms round trip with four one-second stalls, 200 MB arrive whole.
-TEST_F(Faults, ALargeDownloadSurvivesASlowLossyLine) {
-    ASSERT_EQ(0, ferrygate({"--deploy-agent"}).status);
-    const std::string remote = remoteAgent_ + "/content/big.tar.gz";
-    const ProcessResult made = sshd().runAsUser("mkdir -p '" + remoteAgent_ + "/content' && " +
-                                                "head -c 200000000 /dev/urandom >'" + remote + "'");
-    ASSERT_EQ(0, made.status) << made.err;
-    const std::string md5 = md5OfFile(remote);
-    std::vector<std::string> rules = {"--delay-up-ms", "50", "--delay-down-ms", "50"};
-    for (const char* at : {"2000000", "60000000", "120000000", "190000000"})
-        rules.insert(rules.end(), {"--stall-down-at", at});
-    RelayProcess line(port(), rules);
-    const auto start = Clock::now();
-    const ProcessResult r = ferrygate({"--get-content", "--port=" + std::to_string(line.port())});
-    std::cerr << "200 MB in " << std::chrono::duration<double>(Clock::now() - start).count()
-              << " s\n";
-    ASSERT_EQ(0, r.status) << r.err;
-    EXPECT_EQ(md5, md5OfFile(sessionFile("big.tar.gz")));
-    EXPECT_FALSE(fs::exists(remote)) << "the source copy goes once the local one is whole";
 }
 
 // A broken destination host: each row breaks one thing and runs one action.
@@ -210,11 +252,6 @@ TEST_F(Faults, ABrokenHostEndsWithACleanError) {
     const std::string noLog =
         "ferrygate: the product tree is not installed (no /usr/local/hmx/RKU/log4cpp.properties): "
         "install it with 'cmake --install build' or the ferrygate .deb package\n";
-    const char junk[] = "\x01\xff#\n  \n=\n\0x\nPRODUCT_ROOT_D\n";
-    const std::string garbage(junk, sizeof junk - 1);
-    auto setConf = [](const std::string& text) {
-        return [text] { testing::writeTextFile("/etc/hmx/hmx.conf", text); };
-    };
     const struct {
         const char* name;
         std::function<void()> breakIt;
@@ -224,9 +261,6 @@ TEST_F(Faults, ABrokenHostEndsWithACleanError) {
         const char* cause;  // in migration.result
     } rows[] = {
         {"no hmx.conf", [] { fs::remove("/etc/hmx/hmx.conf"); }, "--send-scout", 1, noLog, ""},
-        {"empty hmx.conf", setConf(""), "--send-scout", 1, noLog, ""},
-        {"garbage hmx.conf", setConf(garbage), "--send-scout", 1, noLog, ""},
-        {"garbage around the setting", setConf(garbage + conf), "--deploy-agent", 0, "", "success"},
         {"no agents directory", [&] { fs::rename(agentsDir_, agentsDir_ + ".away"); },
          "--deploy-agent", 2, "'shared' agents directory not found", "error"},
         {"invalid agent spec", [&] { testing::writeTextFile(spec, "EntryPoint hostdump.pl\n"); },
@@ -241,7 +275,7 @@ TEST_F(Faults, ABrokenHostEndsWithACleanError) {
         EXPECT_TRUE(fileHas(sessionFile("migration.result"), row.cause));
         const std::string status = sessionFile("migration.status");
         EXPECT_TRUE(!fs::exists(status) || wellFormedStatus(status));
-        setConf(conf)();
+        testing::writeTextFile("/etc/hmx/hmx.conf", conf);
         if (fs::exists(agentsDir_ + ".away")) fs::rename(agentsDir_ + ".away", agentsDir_);
         testing::writeTextFile(spec, goodSpec);
     }
@@ -262,101 +296,6 @@ TEST_F(Faults, ABrokenHostEndsWithACleanError) {
     EXPECT_TRUE(fs::is_empty(readOnly));
     umount(readOnly.c_str());
 }
-
-// Kills at random moments of a long download never leave a half-written status document, nor
-// more than the one temporary file that was being written. Five sessions take turns so that the
-// connection set-up of one overlaps the transfer of another.
-TEST_F(Faults, SigkillWhileTheStatusIsRewritten) {
-    addRandomFile("shop.test/big.bin", 16 << 20);
-    deployAndDump();
-    std::set<std::string> expected = {"archives",         "migration.log",       "migration.result",
-                                      "migration.status", "migration.log.debug", "dump-name"};
-    for (const auto& file : dumpArchives()) expected.insert(file.name);
-    // Only the long download stays on the source host, so that no lane deletes a file that
-    // another one is fetching.
-    for (fs::directory_iterator it(remoteAgent_ + "/content"), end; it != end; ++it) {
-        if (it->path().filename() != "shop.test_site.tar.gz") fs::remove(it->path());
-    }
-    setenv("HMX_PASSWORD", password().c_str(), 1);
-    const auto started = Clock::now();
-    std::atomic<int> kills(0), failures(0), leftovers(0);
-    auto lane = [&](int number) {
-        const std::string session = session_ + "/lane" + std::to_string(number);
-        const std::string big = session + "/shop.test_site.tar.gz";
-        std::mt19937 random(std::random_device{}() + number);
-        RelayProcess slow(port(), kSlowLine);
-        std::vector<std::string> words = {FERRYGATE_BINARY, "--get-content", "--host=127.0.0.1",
-                                          "--agent-name=hostdump", "--login=" + user()};
-        for (auto word : {"--port=" + std::to_string(slow.port()), "--session-path=" + session,
-                          "--agent-dir=" + remoteAgent_})
-            words.push_back(word);
-        std::vector<char*> argv;
-        for (std::string& word : words) argv.push_back(&word[0]);
-        argv.push_back(nullptr);
-        for (int run = 0; run < 40 && failures == 0; ++run) {
-            fs::remove(big);
-            pid_t pid = -1;
-            ASSERT_EQ(0, posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ));
-            const bool transferring = waitFor([&] { return hasBytes(big); }, 20000);
-            std::this_thread::sleep_for(
-                std::chrono::microseconds(std::uniform_int_distribution<int>(0, 40000)(random)));
-            kill(pid, SIGKILL);
-            int status = 0, temporaries = 0, strays = 0;
-            waitpid(pid, &status, 0);
-            ++kills;
-            const std::string text = readFile(session + "/migration.status");
-            for (fs::directory_iterator it(session), end; it != end; ++it) {
-                const std::string name = it->path().filename().string();
-                if (expected.count(name)) continue;
-                ++(name.rfind("migration.status", 0) == 0 ? temporaries : strays);
-                fs::remove(it->path());
-            }
-            leftovers += temporaries;
-            if (!transferring || !WIFSIGNALED(status) || temporaries > 1 || strays > 0 ||
-                !wellFormedStatus(session + "/migration.status")) {
-                ++failures;
-                ADD_FAILURE() << "lane " << number << ", run " << run << ": transferring "
-                              << transferring << ", " << temporaries << " temporary and " << strays
-                              << " other files; status:\n"
-                              << text;
-            }
-        }
-    };
-    std::vector<std::thread> lanes;
-    for (int number = 0; number < 5; ++number) lanes.emplace_back(lane, number);
-    for (std::thread& t : lanes) t.join();
-    EXPECT_EQ(200, kills.load());
-    std::cerr << kills << " kills, " << leftovers << " temporary files left, in "
-              << std::chrono::duration<double>(Clock::now() - started).count() << " s\n";
-}
-
-// Whatever the login shell, an agent directory full of shell-special and non-ASCII bytes is one
-// word on the source host: deploy, dump, content and removal all work there.
-class HostileRemote : public Faults, public ::testing::WithParamInterface<const char*> {
-  protected:
-    SshdOptions sshdOptions() const override {
-        SshdOptions options = Faults::sshdOptions();
-        options.shell = GetParam();
-        return options;
-    }
-};
-
-TEST_P(HostileRemote, PathsSurviveTheLoginShell) {
-    remoteAgent_ = sshd().home() + "/a b'c\"d$HOME;e\nf\xc3\xa9";
-    testing::writeTextFile(hosting_ + "/web/o'k $x;\xc3\xa9.test/index.html", "odd\n");
-    for (const char* action : {"--deploy-agent", "--dump-all", "--get-content", "--remove-agent"}) {
-        const ProcessResult r = ferrygate({action}, true);
-        ASSERT_EQ(0, r.status) << action << ": " << r.err;
-    }
-    const auto files = dumpArchives();
-    ASSERT_EQ(5u, files.size()) << readFile(sessionFile("dump.xml"));
-    for (const auto& file : files) EXPECT_EQ(file.md5, md5OfFile(sessionFile(file.name)));
-    EXPECT_FALSE(fs::exists(remoteAgent_));
-    EXPECT_TRUE(fs::exists(sshd().home()));
-}
-
-INSTANTIATE_TEST_SUITE_P(Shells, HostileRemote,
-                         ::testing::Values("/bin/bash", "/bin/dash", "/bin/sh"));
 
 }  // namespace
 }  // namespace test

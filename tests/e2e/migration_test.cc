@@ -314,7 +314,14 @@ TEST_F(Content, ALongDumpRefreshesTheSessionsDumpingStatus) {
     EXPECT_GE(seen.size(), 2u) << readFile(sessionFile("migration.log"));
 
     // A stop ends even a dump during which nothing moves, within a wait.
-    r = stopWhen({"--dump-all"}, [] { std::this_thread::sleep_for(std::chrono::seconds(2)); });
+    r = stopWhen({"--dump-all"}, [&] {
+        const auto start = std::chrono::steady_clock::now();
+        while (readFile(sessionFile("migration.status")).find("wait") == std::string::npos &&
+               std::chrono::steady_clock::now() - start < std::chrono::seconds(60)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        std::this_thread::sleep_for(std::chrono::seconds(1));  // the agent is running now
+    });
     EXPECT_EQ(0, r.status) << r.err;
     EXPECT_EQ("Migration has been terminated", r.out);
 }

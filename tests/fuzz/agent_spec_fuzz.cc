@@ -1,6 +1,7 @@
 // The agent spec reader and the agent registry on arbitrary spec files and agent names.
 // Input: the first line is the name asked of the registry (cut at a NUL, which a command line
 // cannot hold); the rest is the control/spec file of the one agent on disk, named "agent".
+#include <boost/algorithm/string.hpp>
 #include <boost/filesystem.hpp>
 #include <cctype>
 #include <cstdlib>
@@ -15,8 +16,6 @@
 namespace fs = boost::filesystem;
 
 namespace {
-
-using tavik::fuzz::splitLines;
 
 const char kAgentName[] = "agent";
 fs::path agentsDir;
@@ -33,7 +32,8 @@ void checkRefusal(const std::string& message, const std::string& specFile,
         return;
     }
     const size_t number = strtoul(detail.c_str() + located.size(), nullptr, 10);
-    const std::vector<std::string> lines = splitLines(spec);
+    std::vector<std::string> lines;
+    boost::split(lines, spec, boost::is_any_of("\n"));
     FUZZ_CHECK(number >= 1 && number <= lines.size());
     const std::string& line = lines[number - 1];
     FUZZ_CHECK(!line.empty() && line.find(':') == std::string::npos);

@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <vector>
 
 #include "commons/unique_fd.h"
 
@@ -28,17 +27,6 @@ namespace fuzz {
     do {                                                                       \
         if (!(condition)) ::tavik::fuzz::fail(__FILE__, __LINE__, #condition); \
     } while (0)
-
-// The pieces of `text` between line feeds; one more than it has line feeds.
-inline std::vector<std::string> splitLines(const std::string& text) {
-    std::vector<std::string> lines;
-    size_t start = 0;
-    for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
-        lines.push_back(text.substr(start, end - start));
-    }
-    lines.push_back(text.substr(start));
-    return lines;
-}
 
 // The fuzz input as an anonymous in-memory file that code wanting a path can open by name.
 // Nothing touches the disk, and the file vanishes with the object.

@@ -6,6 +6,7 @@
 #include <libxml/tree.h>
 #include <unistd.h>
 
+#include <boost/algorithm/string.hpp>
 #include <boost/filesystem.hpp>
 #include <memory>
 #include <string>
@@ -49,8 +50,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;
-    std::vector<std::string> v =
-        tavik::fuzz::splitLines(std::string(reinterpret_cast<const char*>(data) + 1, size - 1));
+    std::vector<std::string> v;
+    boost::split(v, std::string(reinterpret_cast<const char*>(data) + 1, size - 1),
+                 boost::is_any_of("\n"));
     v.resize(10);
     tavik::MigrationStatusPtr status =
         tavik::createMigrationStatusFile((dir / "migration.status").string(), {getuid(), getgid()});

@@ -3,6 +3,7 @@
 // else unset), every further line is one argument.
 #include <getopt.h>
 
+#include <boost/algorithm/string.hpp>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -14,15 +15,9 @@
 
 namespace {
 
-using tavik::fuzz::splitLines;
-
 const char kSudoPassword[] = "Fz-sudo-9f3e1a";
 // The login password reader keeps its first value for the process: every run gets this one.
 const char kLoginPassword[] = "Fz-login-27c4b0";
-
-bool connects(int action) {
-    return action != tavik::ACTION_REMOVE_DUMPING_STATUS && action != tavik::ACTION_HELP;
-}
 
 void checkParsed(const tavik::config& cfg, bool sudoInEnvironment) {
     FUZZ_CHECK(cfg.action == tavik::NO_ACTION || cfg.action == tavik::MORE_THAN_ONE_ACTION ||
@@ -43,7 +38,7 @@ void checkVerified(const tavik::config& cfg) {
     if (cfg.action != tavik::ACTION_DUMP_SELECTED && cfg.action != tavik::ACTION_DUMP_ALL) {
         FUZZ_CHECK(!cfg.noContent);
     }
-    if (!connects(cfg.action)) {
+    if (cfg.action == tavik::ACTION_REMOVE_DUMPING_STATUS || cfg.action == tavik::ACTION_HELP) {
         FUZZ_CHECK(cfg.host.empty() && cfg.port == 0 && cfg.login.empty() && !cfg.sudo);
         return;
     }
@@ -65,17 +60,14 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    std::vector<std::string> lines =
-        splitLines(std::string(reinterpret_cast<const char*>(data), size));
+    std::vector<std::string> lines;
+    boost::split(lines, std::string(reinterpret_cast<const char*>(data), size),
+                 boost::is_any_of("\n"));
     setenv("HMX_PASSWORD", kLoginPassword, 1);
     const bool sudoInEnvironment = lines[0] == "env:sudo" || lines[0] == "env:sudo-empty";
-    if (lines[0] == "env:sudo") {
-        setenv("HMX_SUDO_PASSWORD", kSudoPassword, 1);
-    } else if (lines[0] == "env:sudo-empty") {
-        setenv("HMX_SUDO_PASSWORD", "", 1);
-    } else {
-        unsetenv("HMX_SUDO_PASSWORD");
-    }
+    unsetenv("HMX_SUDO_PASSWORD");
+    if (sudoInEnvironment)
+        setenv("HMX_SUDO_PASSWORD", lines[0] == "env:sudo" ? kSudoPassword : "", 1);
 
     std::vector<std::string> words(1, "ferrygate");
     words.insert(words.end(), lines.begin() + 1, lines.end());

@@ -50,13 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // bash takes the command from the environment, so that no other quoting stands between.
     const std::string command = "printf %s " + quoted;
     setenv("FUZZ_COMMAND", command.c_str(), 1);
-    for (const std::string& run : {command, std::string("exec /bin/bash -c \"$FUZZ_COMMAND\"")}) {
-        const std::string out = printed(run);
-        if (out != word) {
-            fprintf(stderr, "%s read back %zu bytes of a %zu-byte word\n",
-                    run == command ? "dash" : "bash", out.size(), word.size());
-        }
-        FUZZ_CHECK(out == word);
-    }
+    FUZZ_CHECK(printed(command) == word);  // dash
+    FUZZ_CHECK(printed("exec /bin/bash -c \"$FUZZ_COMMAND\"") == word);
     return 0;
 }

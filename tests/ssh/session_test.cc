@@ -2,20 +2,38 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <log4cpp/Category.hh>
+#include <log4cpp/OstreamAppender.hh>
 #include <regex>
 #include <sstream>
 #include <thread>
 
 #include "ssh/libssh2pp.h"
 #include "ssh/ssh_transfer.h"
-#include "support/log_capture.h"
 #include "support/relay_process.h"
 #include "support/sshd_fixture.h"
 
 namespace tavik {
 namespace {
 
-using testing::LogCapture;
+// Every line logged on a log4cpp category while it lives, at every priority.
+class LogCapture {
+  public:
+    explicit LogCapture(const std::string& category)
+        : category_(log4cpp::Category::getInstance(category)),
+          appender_(new log4cpp::OstreamAppender("capture", &lines_)) {
+        category_.addAppender(appender_);  // the category owns the appender from here
+        category_.setPriority(log4cpp::Priority::DEBUG);
+    }
+    ~LogCapture() { category_.removeAppender(appender_); }
+    LogCapture(const LogCapture&) = delete;
+    std::string text() const { return lines_.str(); }
+
+  private:
+    std::ostringstream lines_;
+    log4cpp::Category& category_;
+    log4cpp::Appender* appender_;
+};
 
 int countMatches(const std::string& text, const std::string& pattern) {
     const std::regex re(pattern);
@@ -23,42 +41,27 @@ int countMatches(const std::string& text, const std::string& pattern) {
         std::distance(std::sregex_iterator(text.begin(), text.end(), re), std::sregex_iterator()));
 }
 
-// A server offering only the authentication methods `auth`, or also the legacy key exchange,
-// or listening on the IPv6 loopback address alone.
-class Server : public test::SshdTest {
-  protected:
-    test::SshdOptions options_;
-    test::SshdOptions sshdOptions() const override { return options_; }
+// A command, an upload and a download on `ssh` work.
+void expectCommandsWork(Ssh& ssh) {
+    std::ostringstream out, err;
+    EXPECT_EQ(0, ssh.exec("echo scout", out, err, false, Ssh::nullCounter));
+    EXPECT_EQ("scout\n", out.str());
+    std::istringstream sent(std::string(100000, 'x'));
+    ssh.put(sent, "copy");
+    std::ostringstream back;
+    ssh.get(back, "copy");
+    EXPECT_EQ(std::string(100000, 'x'), back.str());
+}
 
-    // A command, an upload and a download on `ssh` work.
-    void expectCommandsWork(Ssh& ssh) {
-        std::ostringstream out, err;
-        EXPECT_EQ(0, ssh.exec("echo scout", out, err, false, Ssh::nullCounter));
-        EXPECT_EQ("scout\n", out.str());
-        std::istringstream sent(std::string(100000, 'x'));
-        ssh.put(sent, "copy");
-        std::ostringstream back;
-        ssh.get(back, "copy");
-        EXPECT_EQ(std::string(100000, 'x'), back.str());
-    }
-};
-class PasswordServer : public Server {};
-class KeyboardInteractiveServer : public Server {
-  protected:
-    KeyboardInteractiveServer() { options_.auth = "keyboard-interactive"; }
-};
-class PublicKeyServer : public Server {
-  protected:
-    PublicKeyServer() { options_.auth = "publickey"; }
-};
-class LegacyKexServer : public Server {
-  protected:
-    LegacyKexServer() { options_.compat = true; }
-};
-class Ipv6OnlyServer : public Server {
-  protected:
-    Ipv6OnlyServer() { options_.address = "::1"; }
-};
+// A server offering only some authentication methods, or also the legacy key exchange, or
+// listening on the IPv6 loopback address alone.
+test::SshdServer server(std::string test::SshdOptions::*field, const char* value) {
+    test::SshdOptions options;
+    options.*field = value;
+    return test::SshdServer(options);
+}
+
+class PasswordServer : public test::SshdTest {};
 
 TEST_F(PasswordServer, WrongPasswordIsInvalidCredentialsAfterBothMethodsWereTriedOnce) {
     // A retry would count twice against the account's lock-out limit.
@@ -84,26 +87,32 @@ TEST_F(PasswordServer, NoEncryptionFallsBackToEncryptionWithOneWarning) {
     expectCommandsWork(ssh);
 }
 
-TEST_F(KeyboardInteractiveServer, AnswersThePromptsWithThePassword) {
+TEST(KeyboardInteractiveServer, AnswersThePromptsWithThePassword) {
     LogCapture sessionLog("p.libssh2pp.Session");
-    Ssh ssh(host(), user(), password(), false, port(), hostKeys());
+    const auto sshd = server(&test::SshdOptions::auth, "keyboard-interactive");
+    Ssh ssh(sshd.host(), sshd.user(), sshd.password(), false, sshd.port(), sshd.hostKeys());
     const std::string log = sessionLog.text();
     EXPECT_EQ(std::string::npos, log.find("Trying 'password' authentication"));
     EXPECT_NE(std::string::npos, log.find("Filling 1 responses with the password"));
-    EXPECT_EQ(std::string::npos, log.find(password()));
+    EXPECT_EQ(std::string::npos, log.find(sshd.password()));
 }
 
-TEST_F(PublicKeyServer, IsRefusedWithoutAnyAttempt) {
-    EXPECT_THROW(Ssh(host(), user(), password(), false, port(), hostKeys()),
-                 Exc<&SshInvalidCredentials>);
-    EXPECT_EQ(0, countMatches(sshd().log(), "Failed (password|keyboard-interactive)"));
+TEST(PublicKeyServer, IsRefusedWithoutAnyAttempt) {
+    const auto sshd = server(&test::SshdOptions::auth, "publickey");
+    EXPECT_THROW(
+        Ssh(sshd.host(), sshd.user(), sshd.password(), false, sshd.port(), sshd.hostKeys()),
+        Exc<&SshInvalidCredentials>);
+    EXPECT_EQ(0, countMatches(sshd.log(), "Failed (password|keyboard-interactive)"));
 }
 
 // A front that hangs up on the first connection forces the retry in compatibility mode, whose
 // reserve channel must leave the session fit for every later command.
-TEST_F(LegacyKexServer, TheCompatibilityRetryRunsCommandsBesideItsReserveChannel) {
-    test::RelayProcess front(port(), {"--drop-first", "1"});
-    Ssh ssh(host(), user(), password(), false, front.port(), hostKeys());
+TEST(LegacyKexServer, TheCompatibilityRetryRunsCommandsBesideItsReserveChannel) {
+    test::SshdOptions options;
+    options.compat = true;
+    const test::SshdServer sshd(options);
+    test::RelayProcess front(sshd.port(), {"--drop-first", "1"});
+    Ssh ssh(sshd.host(), sshd.user(), sshd.password(), false, front.port(), sshd.hostKeys());
     ASSERT_TRUE(ssh.session().compatibility());
     EXPECT_NE(nullptr, ssh.session().reserveChannel());
     EXPECT_STREQ("diffie-hellman-group1-sha1",
@@ -111,8 +120,9 @@ TEST_F(LegacyKexServer, TheCompatibilityRetryRunsCommandsBesideItsReserveChannel
     expectCommandsWork(ssh);
 }
 
-TEST_F(Ipv6OnlyServer, IsReachedByItsAddress) {
-    Ssh ssh("::1", user(), password(), false, port(), hostKeys());
+TEST(Ipv6OnlyServer, IsReachedByItsAddress) {
+    const auto sshd = server(&test::SshdOptions::address, "::1");
+    Ssh ssh("::1", sshd.user(), sshd.password(), false, sshd.port(), sshd.hostKeys());
     expectCommandsWork(ssh);
 }
 

@@ -2,6 +2,7 @@
 
 #include <signal.h>
 
+#include <boost/filesystem/path.hpp>
 #include <iostream>
 #include <random>
 #include <sstream>
@@ -13,14 +14,9 @@ namespace tavik {
 namespace test {
 
 std::string scriptsDir() {
-    // The build passes absolute source paths, so this file knows where the checkout is.
-    std::string here = __FILE__;
-    const std::string suffix = "tests/support/sshd_fixture.cc";
-    if (here.size() < suffix.size() ||
-        here.compare(here.size() - suffix.size(), suffix.size(), suffix) != 0) {
-        throw std::runtime_error("cannot find the checkout from " + here);
-    }
-    return here.substr(0, here.size() - suffix.size()) + "scripts";
+    // The build passes absolute source paths: this file is <checkout>/tests/support/.
+    return boost::filesystem::path(__FILE__).parent_path().parent_path().parent_path().string() +
+           "/scripts";
 }
 
 std::string randomPassword() {
@@ -54,10 +50,6 @@ SshdServer::SshdServer(const SshdOptions& options)
                                      "--address",
                                      options.address};
     if (options.compat) argv.push_back("--compat");
-    if (!options.shell.empty()) {
-        argv.push_back("--shell");
-        argv.push_back(options.shell);
-    }
     const ProcessResult started = runProcess(argv, "", {"FERRYGATE_SSHD_PASSWORD=" + password_});
     if (started.status != 0) {
         throw std::runtime_error("sshd-host.sh start failed: " + started.err);
@@ -86,11 +78,10 @@ void SshdServer::stop() {
     pid_ = -1;
 }
 
-ProcessResult SshdServer::runAsUser(const std::string& command, const std::string& input) const {
+ProcessResult SshdServer::runAsUser(const std::string& command) const {
     // useradd makes the home directory's path from the user name: it needs no shell quoting.
-    return runProcess(
-        {"/usr/sbin/runuser", "-u", user_, "--", "/bin/sh", "-c", "cd " + home_ + " && " + command},
-        input);
+    return runProcess({"/usr/sbin/runuser", "-u", user_, "--", "/bin/sh", "-c",
+                       "cd " + home_ + " && " + command});
 }
 
 namespace {

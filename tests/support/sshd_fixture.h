@@ -24,8 +24,6 @@ struct SshdOptions {
     std::string auth = "password,keyboard-interactive";
     // Also offer the legacy key exchange diffie-hellman-group1-sha1.
     bool compat = false;
-    // Login shell of the account; empty means /bin/bash.
-    std::string shell;
     // The one address the server listens on.
     std::string address = "127.0.0.1";
     // The port; 0 for a random one.
@@ -48,12 +46,12 @@ class SshdServer {
     const std::string& home() const { return home_; }
 
     // Runs `command` with /bin/sh -c as the test account in its home directory.
-    ProcessResult runAsUser(const std::string& command, const std::string& input = "") const;
+    ProcessResult runAsUser(const std::string& command) const;
     // Kills every per-connection process and what runs below it, as a crash of the server side
     // of every connection would; the listener keeps running.
     void killSessions() const;
-    // A known hosts file for the clients of this server, which goes with it.
-    std::string knownHostsFile() const { return dir_ + "/known_hosts"; }
+    // For the clients of this server: its key recorded in a file that goes with it.
+    HostKeyPolicy hostKeys() const { return HostKeyPolicy(dir_ + "/known_hosts"); }
     // The server's own log, for diagnosing a failing test.
     std::string log() const;
     // Stops the server now (the destructor does it otherwise).
@@ -81,7 +79,7 @@ class SshdTest : public ::testing::Test {
     unsigned short port() const { return server_->port(); }
     const std::string& user() const { return server_->user(); }
     const std::string& password() const { return server_->password(); }
-    HostKeyPolicy hostKeys() const { return HostKeyPolicy(server_->knownHostsFile()); }
+    HostKeyPolicy hostKeys() const { return server_->hostKeys(); }
 
   private:
     std::unique_ptr<SshdServer> server_;

@@ -11,7 +11,6 @@ namespace {
 std::string text(const xmlChar* s) { return s == nullptr ? "" : reinterpret_cast<const char*>(s); }
 
 bool blank(const std::string& s) { return s.find_first_not_of(" \t\r\n") == std::string::npos; }
-}  // namespace
 
 std::string renderElement(const xmlNode* element) {
     std::string out = text(element->name);
@@ -36,6 +35,8 @@ std::string renderElement(const xmlNode* element) {
     if (!children.empty()) out += "(" + children + ")";
     return out;
 }
+
+}  // namespace
 
 std::string renderFile(const std::string& path) {
     if (access(path.c_str(), F_OK) != 0) return "missing";

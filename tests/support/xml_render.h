@@ -4,17 +4,13 @@
 
 #include <string>
 
-struct _xmlNode;
-typedef struct _xmlNode xmlNode;
-
 namespace tavik {
 namespace testing {
 
-// name[attr=value,...](child,child,...) for an element, name:text for an element holding only
-// text; "[...]" and "(...)" are left out when empty. Blank text between elements is skipped.
-std::string renderElement(const xmlNode* element);
-// renderElement of the root of the file at `path`, read by libxml2 alone (so that a fault of the
-// writer under test cannot hide behind the same fault of its reader); "missing" or "unparsable".
+// The root element of the file at `path` as name[attr=value,...](child,child,...), or
+// name:text for an element holding only text ("[...]" and "(...)" left out when empty, blank
+// text between elements skipped); "missing" or "unparsable". Read by libxml2 alone, so that a
+// fault of the writer under test cannot hide behind the same fault of its reader.
 std::string renderFile(const std::string& path);
 
 }  // namespace testing

@@ -1,14 +1,20 @@
+// Files that others read are replaced whole: a reader polling one never sees it missing or half
+// written, and a save that fails leaves the old version.
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <boost/filesystem.hpp>
 #include <string>
+#include <thread>
 
 #include "support/raised.h"
 #include "support/sandbox_env.h"
 #include "support/xml_render.h"
+#include "xml/migration_status.h"
 #include "xml/xml_wrap.h"
 
 namespace tavik {
@@ -48,6 +54,33 @@ TEST(AtomicSave, ReplacesTheTargetWithAFileOfHmxadmOrLeavesItUntouched) {
     EXPECT_EQ(std::set<std::string>{"status.xml"}, testing::listDir(dir.path()));
     ASSERT_EQ(0, chdir("/"));
     umount(dir.path().c_str());
+}
+
+// A reader polling the file while the writer replaces it must always find a whole document.
+TEST(AtomicSave, AReaderNeverSeesAMissingOrPartialStatusFile) {
+    testing::ScratchDir dir;
+    const std::string file = dir.path() + "/migration.status";
+    MigrationStatusPtr status = createMigrationStatusFile(file, {getuid(), getgid()});
+    EXPECT_FALSE(boost::filesystem::exists(file)) << "nothing may be written before saveFile";
+    status->setTransferTotals("1000", "65536000");
+    status->saveFile();
+    std::atomic<bool> stop(false);
+    long reads = 0, bad = 0;
+    std::thread reader([&] {
+        for (; !stop; ++reads) bad += renderFile(file).rfind("migration-status(", 0) != 0;
+    });
+    // Documents of very different lengths, so that a file rewritten in place would be caught
+    // half long, half short.
+    for (int i = 0; i < 20000; ++i) {
+        status->setCurrentFile(i % 2 ? "short" : std::string(1500, 'n'), "65536000");
+        status->setTransferSizeLeft(std::to_string(65536000 - 65536 * i));
+        status->saveFile();
+    }
+    stop = true;
+    reader.join();
+    EXPECT_GT(reads, 100) << "the reader did not run alongside the writer";
+    EXPECT_EQ(0, bad);
+    EXPECT_EQ(std::set<std::string>{"migration.status"}, testing::listDir(dir.path()));
 }
 
 }  // namespace

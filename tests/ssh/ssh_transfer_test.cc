@@ -1,14 +1,19 @@
-// Remote commands over a real connection: statuses, the three streams, waits, the alarm.
+// Remote commands and transfers over a real connection: statuses, the three streams, waits, the
+// alarm; byte-identical copies in every size, a missing remote file, the mode of downloads.
+#include "ssh/ssh_transfer.h"
+
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 
+#include <boost/filesystem.hpp>
 #include <chrono>
+#include <random>
 #include <sstream>
 #include <vector>
 
-#include "ssh/ssh_transfer.h"
 #include "support/relay_process.h"
 #include "support/sandbox_env.h"
 #include "support/sshd_fixture.h"
@@ -92,6 +97,40 @@ TEST_F(Exec, StandardOutputAndErrorStayApartAndNeverStall) {
     EXPECT_TRUE(err.str() == std::string(8000000, '\0') + lines("err-line\n"))
         << "stderr differs, size " << err.str().size();
     EXPECT_EQ(20000000, counter.bytes);
+}
+
+TEST_F(Exec, RoundTripIsByteIdenticalInEverySize) {
+    const testing::ScratchDir local;
+    const std::string sent = local.path() + "/sent", back = local.path() + "/back";
+    // Around the 64 KiB read size, and past the 2 MiB channel window (a gigabyte is bench/'s).
+    std::mt19937 random(7);
+    for (size_t size : {0, 1, 65535, 65536, 65537, 5 * 1024 * 1024 + 5}) {
+        SCOPED_TRACE("size " + std::to_string(size));
+        std::string bytes(size, '\0');
+        for (char& c : bytes) c = static_cast<char>(random());
+        testing::writeTextFile(sent, bytes);
+        ssh->put(sent, "copy");
+        EXPECT_EQ(testing::md5OfFile(sent), testing::md5OfFile(sshd().home() + "/copy"));
+        ssh->get(back, "copy");
+        EXPECT_EQ(size, boost::filesystem::file_size(back));
+        EXPECT_EQ(testing::md5OfFile(sent), testing::md5OfFile(back));
+    }
+}
+
+TEST_F(Exec, DownloadsAreMode0640WhateverTheUmaskAndEmptyForAMissingFile) {
+    ASSERT_EQ(0, sshd().runAsUser("echo data > file").status);
+    const testing::ScratchDir local;
+    const std::string path = local.path() + "/got";
+    const mode_t previous = umask(0);
+    ssh->get(path, "file");
+    EXPECT_EQ(0u, umask(previous)) << "the download must restore the process umask";
+    struct stat st;
+    ASSERT_EQ(0, stat(path.c_str(), &st));
+    EXPECT_EQ(0640u, st.st_mode & 07777);
+
+    // A missing remote file downloads as empty; callers check sizes and sums.
+    ssh->get(path, "no-such-file");
+    EXPECT_EQ(0u, boost::filesystem::file_size(path));
 }
 
 class Far : public test::SshdTest {};
