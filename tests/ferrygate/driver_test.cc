@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <boost/filesystem.hpp>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -16,11 +17,10 @@ namespace {
 using test::ProcessResult;
 using testing::readFile;
 
-ProcessResult run(const std::vector<std::string>& args, const std::string& cwd,
-                  const std::vector<std::string>& env = {}) {
+ProcessResult run(const std::vector<std::string>& args, const std::string& cwd) {
     std::vector<std::string> argv = {FERRYGATE_BINARY};
     argv.insert(argv.end(), args.begin(), args.end());
-    return test::runProcess(argv, "", env, cwd);
+    return test::runProcess(argv, "", {}, cwd);
 }
 
 size_t find(const std::string& text, const std::string& what, size_t from = 0) {
@@ -40,10 +40,11 @@ TEST(Driver, AVerificationFailureIsRecordedInTheSessionLog) {
                            "PRODUCT_ROOT_D " + product.path() + "\nPRODUCT_ROOT_D=/opt/hmx\n");
     testing::writeTextFile(product.path() + "/RKU/log4cpp.properties",
                            readFile(FERRYGATE_SOURCE_DIR "/data/log4cpp.properties"));
+    setenv("HMX_PASSWORD", "p", 1);
     const ProcessResult r =
         run({"--send-scout", "--session-path", "S", "--login=a b", "--agent-name=it's",
              "--agent-dir=;", "--domains=x\ny", "--clients=p"},
-            cwd.path(), {"HMX_PASSWORD=p"});
+            cwd.path());
     EXPECT_EQ(1, r.status);
     EXPECT_EQ("", r.out + r.err);
     struct stat st = {};
