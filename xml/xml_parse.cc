@@ -38,7 +38,10 @@ void refuseDoctype(void* context, const xmlChar*, const xmlChar*, const xmlChar*
 // A parser context for one document of `origin`; null when the library has no memory.
 ParserCtxtPtr newParser(XmlOrigin origin) {
     ParserCtxtPtr ctxt(xmlNewParserCtxt());
-    if (ctxt && origin == XmlOrigin::SourceHost) ctxt->sax->internalSubset = refuseDoctype;
+    if (!ctxt) return ctxt;
+    // Already for opening the file itself, which comes before the options of the read.
+    xmlCtxtUseOptions(ctxt.get(), kParseOptions);
+    if (origin == XmlOrigin::SourceHost) ctxt->sax->internalSubset = refuseDoctype;
     return ctxt;
 }
 
