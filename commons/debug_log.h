@@ -54,8 +54,9 @@ extern const char* const kDebugAppenderName;
 
 // Configures log4cpp from the properties file `configFile` once per process: every
 // "${LOG_FILE_NAME}" in it stands for `logFileName`. Every appender it attaches is then wrapped
-// so that registered secrets never reach it. Unless `debug`, the appender "A2" is detached from
-// the root category, on every call. A missing or broken file throws log4cpp::ConfigureFailure.
+// in the masking net for registered secrets (maskAllAppenders). Unless `debug`, the appender
+// "A2" is detached from the root category, on every call. A missing or broken file throws
+// log4cpp::ConfigureFailure.
 void configureLog4Cpp(const std::string& configFile, const std::string& logFileName, bool debug);
 
 // Configures log4cpp from the host's properties file, writing to `logFile`, and publishes a

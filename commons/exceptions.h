@@ -120,6 +120,13 @@ struct ExcKind;
     X(SshInvalidCredentials, "SshInvalidCredentials",                                            \
       "Unable to connect to host %1%: you have specified incorrect username or password")        \
     X(SshConnectionFault, "SshConnectionFault", "Lost connection with the remote host")          \
+    X(HostKeyMismatch, "HostKeyMismatch",                                                        \
+      "Host key verification failed for %1%: expected %2% (%3%), but the server offered %4%; "   \
+      "no password was sent")                                                                    \
+    X(HostKeyUnknown, "HostKeyUnknown",                                                          \
+      "Host key verification failed for %1%: the host is not in %2%, and unknown hosts are "     \
+      "refused; the server offered %3%")                                                         \
+    X(KnownHostsUnusable, "KnownHostsUnusable", "Cannot use the known hosts file %1%: %2%")      \
     X(UnableToSendEof, "UnableToSendEof", "Unable to send EOF to SSH channel: %1%")              \
     X(StreamRead, "StreamRead", "Cannot read data from the stream")                              \
     X(StreamWrite, "StreamWrite", "Cannot write data to the stream")                             \

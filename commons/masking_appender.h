@@ -1,6 +1,7 @@
-// Keeps registered secrets (commons/secrets.h) out of every log4cpp appender: each appender
-// that the configuration attached is replaced, on every category, by a wrapper that masks the
-// secrets in each event before passing it on. Code that logs needs no care of its own.
+// The last net for registered secrets (commons/secrets.h) in every log4cpp appender: each
+// appender that the configuration attached is replaced, on every category, by a wrapper that
+// masks long secrets, as whole words, in each event before passing it on (maskSecrets). Code that
+// writes a record of its own input (standard input, the command line) masks it there.
 #ifndef FERRYGATE_COMMONS_MASKING_APPENDER_H
 #define FERRYGATE_COMMONS_MASKING_APPENDER_H
 

@@ -8,17 +8,8 @@
 
 namespace tavik {
 
-namespace {
-// TEMPORARY until the shell quoting of the transport lands: the words are joined unquoted.
-std::string quoteWord(const std::string& word) { return word; }
-}  // namespace
-
-StartStopLogger::StartStopLogger(const std::string& name, int argc, char* const* argv)
-    : name_(name), pid_(getpid()) {
-    for (int i = 0; i < argc; ++i) {
-        if (i > 0) commandLine_ += ' ';
-        commandLine_ += quoteWord(argv[i]);
-    }
+StartStopLogger::StartStopLogger(const std::string& name, const std::string& commandLine)
+    : name_(name), pid_(getpid()), commandLine_(commandLine) {
     theDebugLog->log(name_ + " started : " + commandLine_);
     parentHandler_ =
         parentDaemonHandlers.insert(parentDaemonHandlers.end(), [this] { daemonized(); });

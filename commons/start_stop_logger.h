@@ -15,9 +15,10 @@ namespace tavik {
 // Writes through theDebugLog, which must outlive this object.
 class StartStopLogger {
   public:
-    // Logs "<name> started : <argv>", every argument shell-quoted, and registers daemonized()
-    // to run after a fork in both the parent and the child.
-    StartStopLogger(const std::string& name, int argc, char* const* argv);
+    // Logs "<name> started : <commandLine>" and registers daemonized() to run after a fork in
+    // both the parent and the child. The caller quotes each word of `commandLine` for the
+    // shell, so that the record reads back as the words the program was given.
+    StartStopLogger(const std::string& name, const std::string& commandLine);
     // Logs "<name> finished. Exit code: N", or "<name> finished.  (exit code is not reported)"
     // when setExitCode was never called.
     ~StartStopLogger();

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "commons/exceptions.h"
+#include "commons/secrets.h"
 #include "ferrygate/agent_spec.h"
 #include "ferrygate/progress_line.h"
 #include "ferrygate/session.h"
@@ -73,7 +74,18 @@ std::string Action::agentCommand(const Agent& agent, const std::vector<std::stri
 int Action::execUser(const std::string& cmd, std::istream& in, std::ostream& out, std::ostream& err,
                      bool quietOutput, bool quietInput) {
     const std::string line = inAgentDir(cfg().agentDir, cmd);
-    return env_.exec(line, in, out, err, quietOutput, quietInput, Ssh::nullCounter);
+    if (quietInput) return env_.exec(line, in, out, err, quietOutput, true, Ssh::nullCounter);
+    // The input is logged here rather than by the transport, which cannot tell its lines apart:
+    // the sudo password (execRoot) and the login password for rsync (the dump's input) travel
+    // as lines of their own. Input that is logged is short; uploads are quiet.
+    std::ostringstream text;
+    text << in.rdbuf();
+    if (!text.str().empty()) {
+        logger.info("remote stdin <- " +
+                    maskSecretLines(text.str(), {cfg().sudoPassword, cfg().password}));
+    }
+    std::istringstream input(text.str());
+    return env_.exec(line, input, out, err, quietOutput, true, Ssh::nullCounter);
 }
 
 int Action::execUser(const std::string& cmd, std::ostream& out, std::ostream& err,

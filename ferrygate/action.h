@@ -56,7 +56,8 @@ class Action : public Alarm {
     void closeStatus();
 
     // Runs `cmd` as the login user, after a change into the agent directory, and returns its
-    // exit status. The quiet flags keep output and input out of the debug log.
+    // exit status. The quiet flags keep output and input out of the debug log; input that is
+    // logged is read whole first, and every line of it that is a password is masked.
     int execUser(const std::string& cmd, std::istream& in, std::ostream& out, std::ostream& err,
                  bool quietOutput, bool quietInput);
     int execUser(const std::string& cmd, std::ostream& out, std::ostream& err, bool quietOutput);

@@ -36,6 +36,8 @@ const struct {
     {isKind<&HostNotFound>, EXIT_HOST_NOT_FOUND},
     {isKind<&SshInvalidCredentials>, EXIT_INVALID_CREDENTIALS},
     {isKind<&SshConnectionFault>, EXIT_SSH_CONNECTION_FAULT},
+    {isKind<&HostKeyMismatch>, EXIT_HOST_KEY_MISMATCH},
+    {isKind<&HostKeyUnknown>, EXIT_HOST_KEY_UNKNOWN},
 };
 
 // The first list given as "-" takes one line of standard input. Only one: the controlling

@@ -23,6 +23,10 @@ enum ExitCode {
     EXIT_HOST_NOT_FOUND = 16,
     EXIT_INVALID_CREDENTIALS = 17,
     EXIT_SSH_CONNECTION_FAULT = 18,
+    // The server's host key is not the recorded or pinned one: possibly not the source host.
+    EXIT_HOST_KEY_MISMATCH = 19,
+    // Unknown hosts are refused (SSH_STRICT_HOST_KEYS) and the server's host was unknown.
+    EXIT_HOST_KEY_UNKNOWN = 20,
 };
 
 // Runs the action of `cfg` with the execution log open and returns the exit code. A list given

@@ -150,7 +150,10 @@ LiveEnv::~LiveEnv() = default;
 Ssh& LiveEnv::ssh() {
     if (!ssh_) {
         const unsigned short port = cfg_.port == 0 ? 22 : static_cast<unsigned short>(cfg_.port);
-        ssh_.reset(new Ssh(cfg_.host, cfg_.login, cfg_.password, cfg_.noEncryption, port));
+        HostKeyPolicy hostKeys = HostKeyPolicy::configured();
+        hostKeys.pinned = cfg_.hostKey;
+        ssh_.reset(
+            new Ssh(cfg_.host, cfg_.login, cfg_.password, cfg_.noEncryption, port, hostKeys));
         ssh_->setAlarm(alarm_);
     }
     return *ssh_;

@@ -7,13 +7,16 @@
 #include <ctime>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "commons/debug_log.h"
 #include "commons/exceptions.h"
+#include "commons/secrets.h"
 #include "commons/start_stop_logger.h"
 #include "ferrygate/dispatch.h"
 #include "ferrygate/options.h"
 #include "ferrygate/session.h"
+#include "ssh/shell_quote.h"
 #include "utils/files.h"
 #include "utils/read_configuration.h"
 
@@ -24,6 +27,27 @@
 namespace tavik {
 
 namespace {
+
+void keepMessage(void* messages, const char* message) {
+    static_cast<std::vector<std::string>*>(messages)->push_back(message);
+}
+
+// The command line as the start record shows it: every word as the shell would take it back,
+// a word that is a password masked.
+std::string recordedCommandLine(int argc, char* const* argv) {
+    std::string line;
+    for (int i = 0; i < argc; ++i) {
+        const std::string word = argv[i];
+        const size_t equals = word.find('=');
+        if (i > 0) line += ' ';
+        if (isSecret(word) || (equals != std::string::npos && isSecret(word.substr(equals + 1)))) {
+            line += kMaskedSecret;
+        } else {
+            line += word.empty() ? "''" : sh_quote(word);
+        }
+    }
+    return line;
+}
 
 // Without its logging configuration the program cannot open a session at all; say so in one
 // line, with the cure, instead of the account and log4cpp errors that would follow. A missing
@@ -42,8 +66,10 @@ bool productTreeInstalled() {
 void xmlErrorFunc(const ExTraceable& e) { theDebugLog->log(e); }
 
 int real_main(int argc, char** argv) {
-    // An unreadable product configuration leaves the compile-time defaults in force.
-    autoprepend();
+    // An unreadable product configuration, or a bad line in it, leaves the compile-time
+    // defaults in force; what the reader found goes to the debug log once there is one.
+    std::vector<std::string> configurationMessages;
+    autoprepend_to(keepMessage, &configurationMessages);
     srand(static_cast<unsigned>(time(nullptr)));
 
     config cfg;
@@ -68,7 +94,8 @@ int real_main(int argc, char** argv) {
 
     SessionLifetimeController session(cfg.sessionPath);
     DebugLogLifetimeController debugLog(false, cfg.verbose, theSession->getLogFileName());
-    StartStopLogger startStop("Ferrygate", argc, argv);
+    StartStopLogger startStop("Ferrygate", recordedCommandLine(argc, argv));
+    for (const std::string& message : configurationMessages) theDebugLog->log(message);
     try {
         verify_options(&cfg);
     } catch (const Exc<&OptParsingError>& e) {

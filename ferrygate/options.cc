@@ -41,6 +41,7 @@ enum OptionId {
     OPT_ONLY_HOSTING,
     OPT_CONTENT_TRANSPORT,
     OPT_PROGRESS,
+    OPT_HOST_KEY,
 };
 
 const struct option kLongOptions[] = {
@@ -76,6 +77,7 @@ const struct option kLongOptions[] = {
     {"content-transport", required_argument, nullptr, OPT_CONTENT_TRANSPORT},
     {"version", no_argument, nullptr, ACTION_VERSION},
     {"progress", no_argument, nullptr, OPT_PROGRESS},
+    {"host-key", required_argument, nullptr, OPT_HOST_KEY},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -117,6 +119,15 @@ void verifyNoConnectionOptions(const config& cfg) {
     if (!cfg.agentDir.empty()) invalid_option("agent directory");
     if (!cfg.agentName.empty()) invalid_option("agent name");
     if (cfg.sudo) invalid_option("sudo parameters");
+    if (!cfg.hostKey.empty()) invalid_option("host key");
+}
+
+// As ssh-keygen -l prints it: "SHA256:" and the 43 characters of a digest in base64.
+bool isFingerprint(const std::string& text) {
+    const std::string prefix = "SHA256:";
+    const char* base64 = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    return text.size() == prefix.size() + 43 && text.compare(0, prefix.size(), prefix) == 0 &&
+           text.find_first_not_of(base64, prefix.size()) == std::string::npos;
 }
 
 void verifyConnectionOptions(const config& cfg) {
@@ -124,6 +135,9 @@ void verifyConnectionOptions(const config& cfg) {
     if (cfg.port == -1) raiseMessage("port should be a number in [1, 65535] range");
     if (cfg.login.empty()) req_action_argument_missed("login");
     if (cfg.password.empty()) req_action_argument_missed("password");
+    if (!cfg.hostKey.empty() && !isFingerprint(cfg.hostKey)) {
+        raiseMessage("--host-key takes SHA256: and 43 base64 characters, as ssh-keygen -l shows");
+    }
     if (cfg.sudo && !cfg.sudoPasswordProvided) {
         raiseMessage(
             "HMX_SUDO_PASSWORD environment variable is not provided with --sudo-password\n");
@@ -217,6 +231,9 @@ bool parse_options(int argc, char** argv, config* cfg) {
                 break;
             case OPT_PROGRESS:
                 cfg->progress = true;
+                break;
+            case OPT_HOST_KEY:
+                cfg->hostKey = optarg;
                 break;
             default:
                 return false;  // getopt_long has printed its diagnostic

@@ -63,6 +63,9 @@ struct config {
     std::string contentTransport;
     // A progress line on standard error during long transfers, when that is a terminal.
     bool progress = false;
+    // --host-key: the fingerprint ("SHA256:" and 43 base64 characters) of the only host key to
+    // accept; empty: the known hosts file decides.
+    std::string hostKey;
 };
 
 // Fills `cfg` from the arguments, HMX_PASSWORD (always, then removed from the environment) and

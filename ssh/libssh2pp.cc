@@ -223,6 +223,11 @@ Session::Session(int socket, bool noEncryption, bool compatibility, Clock::time_
     logger.info("SSH session started successfully");
 }
 
+void Session::verifyHostKey(const std::string& host, unsigned short port,
+                            const HostKeyPolicy& policy) {
+    tavik::verifyHostKey(session_.get(), host, port, policy);
+}
+
 // Unencrypted transfers only save processor time, so a library or server without the "none"
 // cipher is no reason to fail: the library's own ciphers stay in the preference after it.
 void Session::preferNoEncryption() {

@@ -16,6 +16,7 @@
 #include <type_traits>
 
 #include "commons/handle.h"
+#include "ssh/known_hosts.h"
 
 namespace log4cpp {
 class Category;
@@ -91,6 +92,10 @@ class Session {
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
     virtual ~Session();
+
+    // Refuses a server whose host key `policy` does not accept for `host` at `port`, before
+    // anything secret is sent (see verifyHostKey in ssh/known_hosts.h).
+    void verifyHostKey(const std::string& host, unsigned short port, const HostKeyPolicy& policy);
 
     // Tries "password", then "keyboard-interactive" (every prompt answered with `password`),
     // each only when the server offers it. Throws SshAuthorizationFailed when neither succeeds,

@@ -50,7 +50,7 @@ class AlarmRunning {
 Ssh::Ssh() = default;
 
 Ssh::Ssh(const std::string& host, const std::string& user, const std::string& password,
-         bool noEncryption, unsigned short port) {
+         bool noEncryption, unsigned short port, const HostKeyPolicy& hostKeys) {
     // One limit for reaching the server, however many addresses and attempts that takes.
     const Clock::time_point deadline =
         Clock::now() + std::chrono::seconds(libssh2pp::Session::connectLimit());
@@ -64,6 +64,7 @@ Ssh::Ssh(const std::string& host, const std::string& user, const std::string& pa
         socket_.reset(new Socket(host, port, deadline));
         session_.reset(new libssh2pp::Session(socket_->descriptor(), noEncryption, true, deadline));
     }
+    session_->verifyHostKey(host, port, hostKeys);
     try {
         session_->authorize(user, password);
     } catch (const Exc<&SshAuthorizationFailed>&) {

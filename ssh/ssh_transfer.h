@@ -12,6 +12,7 @@
 #include "commons/alarm.h"
 #include "commons/exceptions.h"
 #include "ssh/io_channels.h"
+#include "ssh/known_hosts.h"
 
 namespace log4cpp {
 class Category;
@@ -41,12 +42,13 @@ class Ssh {
     // The one counter for calls that want none.
     static NullCounter nullCounter;
 
-    // Connects to host:port and logs in, all within Session::connectLimit() seconds. A session
-    // that fails to start is tried once more, on a new connection, in compatibility mode. Throws
-    // the connection and session failures (SshConnectionFault when the time is up once the
-    // connection is made), SshInvalidCredentials when the login is refused.
+    // Connects to host:port and logs in, all within Session::connectLimit() seconds, once the
+    // server's host key has passed `hostKeys`. A session that fails to start is tried once more,
+    // on a new connection, in compatibility mode. Throws the connection and session failures
+    // (SshConnectionFault when the time is up once the connection is made), those of the host
+    // key check, SshInvalidCredentials when the login is refused.
     Ssh(const std::string& host, const std::string& user, const std::string& password,
-        bool noEncryption, unsigned short port);
+        bool noEncryption, unsigned short port, const HostKeyPolicy& hostKeys);
     Ssh(const Ssh&) = delete;
     Ssh& operator=(const Ssh&) = delete;
     virtual ~Ssh();

@@ -1,6 +1,8 @@
 // The key/value store behind the product configuration.
 #include <cctype>
 #include <cerrno>
+#include <climits>
+#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -69,22 +71,49 @@ char* valueEnd(char* begin, char* end) {
     return cut != nullptr ? cut : end;
 }
 
+// Where the reader's diagnostics go, and the file they are about.
+struct Reporter {
+    conf_message_sink sink;
+    void* context;
+    const char* path;
+
+    void operator()(const char* format, ...) const __attribute__((format(printf, 2, 3))) {
+        char message[1024];
+        va_list args;
+        va_start(args, format);
+        vsnprintf(message, sizeof message, format, args);
+        va_end(args);
+        if (sink != nullptr) {
+            sink(context, message);
+        } else {
+            tavik_log(kLogPriority, "%s", message);
+        }
+    }
+};
+
+// The length of `text` without its line break.
+int withoutLineBreak(const char* text) {
+    const size_t length = strcspn(text, "\r\n");
+    return length > INT_MAX ? INT_MAX : static_cast<int>(length);
+}
+
 // 0 for a line stored or ignored, -1 when the store failed.
-int readLine(char* line, conf_data* conf) {
+int readLine(char* line, size_t number, const Reporter& report, conf_data* conf) {
     char* p = line;
     while (isBlank(*p)) ++p;
     if (*p == '\0' || *p == '#') return 0;
     char* name = p;
     while (isNameChar(*p)) ++p;
     if (!isBlank(*p)) {
-        tavik_log(kLogPriority,
-                  "Invalid variable definition %s\nExpected a space after variable name\n", name);
+        report("%s:%zu: Invalid variable definition %.*s: expected a space after variable name",
+               report.path, number, withoutLineBreak(name), name);
         return 0;
     }
     char* nameEnd = p;
     while (isBlank(*p)) ++p;
     if (*p == '\0' || *p == '#') {
-        tavik_log(kLogPriority, "Invalid variable definition %s\nExpected a value", name);
+        report("%s:%zu: Invalid variable definition %.*s: expected a value", report.path, number,
+               withoutLineBreak(name), name);
         return 0;
     }
     char* value = p;
@@ -92,7 +121,10 @@ int readLine(char* line, conf_data* conf) {
     char* end = comment != nullptr ? comment : value + strlen(value);
     *valueEnd(value, end) = '\0';
     *nameEnd = '\0';
-    return conf_set_r(name, value, conf);
+    if (conf_set_r(name, value, conf) == 0) return 0;
+    report("%s:%zu: Unable to store the definition of %s: %s", report.path, number, name,
+           strerror(errno));
+    return -1;
 }
 
 }  // namespace
@@ -159,20 +191,24 @@ void conf_finalize_r(conf_data* conf) {
 }
 
 int conf_read_file_r(const char* path, conf_data* conf) {
+    return conf_read_file_to(path, conf, nullptr, nullptr);
+}
+
+int conf_read_file_to(const char* path, conf_data* conf, conf_message_sink sink, void* context) {
+    const Reporter report{sink, context, path};
     if (conf_init_r(conf) != 0) return -1;
     FilePtr file(fopen(path, "r"));
     if (!file) {
-        tavik_log(kLogPriority, "unable to open configuration file %s: %s\n", path,
-                  strerror(errno));
+        report("unable to open configuration file %s: %s", path, strerror(errno));
         return -1;
     }
     LineBuffer line;
-    while (getline(&line.data, &line.capacity, file.get()) != -1) {
-        if (readLine(line.data, conf) != 0) return -1;
+    for (size_t number = 1; getline(&line.data, &line.capacity, file.get()) != -1; ++number) {
+        if (readLine(line.data, number, report, conf) != 0) return -1;
     }
     conf_finalize_r(conf);
     if (ferror(file.get())) {
-        tavik_log(kLogPriority, "Unable to read configuration file: %s", strerror(errno));
+        report("Unable to read configuration file %s: %s", path, strerror(errno));
         return -1;
     }
     return 0;

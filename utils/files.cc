@@ -51,6 +51,11 @@ std::string getChrootShellFileName() { return product() + "/bin/chrootsh"; }
 std::string getMchkFileName() { return product() + "/admin/sbin/mchk"; }
 std::string getPhpExecuteCmd() { return product() + "/bin/qv-engine-tavikrun"; }
 
+std::string getKnownHostsFileName() {
+    const char* configured = hmxConfGet("SSH_KNOWN_HOSTS");
+    return configured != nullptr ? configured : product() + "/var/known_hosts";
+}
+
 std::string getTmpDir() { return data() + "/tmp"; }
 
 std::string getTavikSappPoolFixedXsl() {

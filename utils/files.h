@@ -31,6 +31,9 @@ std::string getApsCacheDir();
 std::string getChrootShellFileName();
 std::string getMchkFileName();
 std::string getPhpExecuteCmd();
+// The host keys of the source hosts seen so far, in OpenSSH's known_hosts format:
+// SSH_KNOWN_HOSTS of the product configuration, by default product root + "/var/known_hosts".
+std::string getKnownHostsFileName();
 
 // Below the program's data directory, product root + "/RKU".
 std::string getTmpDir();

@@ -85,7 +85,7 @@ static bool inTable(HmxConfVarIndexT index) {
 
 // 0 when the configuration is loaded; a failed load leaves nothing behind, so the next look-up
 // tries again.
-static int loadHmxConf() {
+static int loadHmxConf(conf_message_sink sink = nullptr, void* context = nullptr) {
     if (!arrayInitialized) {
         for (const char*& value : theHmxConfArray) value = nullptr;
         arrayInitialized = 1;
@@ -96,7 +96,7 @@ static int loadHmxConf() {
         messlog2(0, 0, "Not enough memory to allocate Tavik runtime configuration structure\n");
         return -1;
     }
-    if (conf_read_file_r(HMX_CONF_FILE, conf) != 0) {
+    if (conf_read_file_to(HMX_CONF_FILE, conf, sink, context) != 0) {
         conf_free_r(conf);
         return -1;
     }
@@ -105,6 +105,8 @@ static int loadHmxConf() {
 }
 
 int autoprepend() { return loadHmxConf(); }
+
+int autoprepend_to(conf_message_sink sink, void* context) { return loadHmxConf(sink, context); }
 
 const char* hmxConfGet(const char* name) {
     if (loadHmxConf() != 0) return nullptr;

@@ -27,8 +27,14 @@ int conf_set_r(const char* name, const char* value, conf_data* conf);
 const char* conf_get_r(const char* name, const conf_data* conf);
 // Sorts the entries by key (byte-wise) unless they already are.
 void conf_finalize_r(conf_data* conf);
-// Adds every "NAME value" line of the file at `path`; later definitions win. 0 or -1.
+// Adds every "NAME value" line of the file at `path`; later definitions win. 0 or -1. A
+// malformed line is reported and skipped; a file that cannot be opened or read is reported.
 int conf_read_file_r(const char* path, conf_data* conf);
+// Receives each report of the reader: one line of text that names the file and, for a malformed
+// line, its number.
+typedef void (*conf_message_sink)(void* context, const char* message);
+// conf_read_file_r with the reports handed to `sink` (null: the utility log, tavik_log).
+int conf_read_file_to(const char* path, conf_data* conf, conf_message_sink sink, void* context);
 // Frees every key and value, the array and `conf` itself, which must come from malloc/calloc.
 void conf_free_r(conf_data* conf);
 
@@ -77,6 +83,9 @@ extern const char* const HMX_CONF_FILE;
 
 // Loads the product configuration unless it already is. 0, or -1 (retried on the next call).
 int autoprepend();
+// The same with the reader's reports handed to `sink`: the driver reads the file before its
+// debug log can exist, and keeps them until then.
+int autoprepend_to(conf_message_sink sink, void* context);
 // The value of any variable the file defines, or null; no defaults.
 const char* hmxConfGet(const char* name);
 // The file's value of a table variable, or null.

@@ -33,8 +33,9 @@ class AgentFileList {
 // attributes "size" and "md5sum". Other children are ignored.
 class XmlAgentFileList : public tXmlRkuDocument, public AgentFileList {
   public:
-    // Parses `content` (the XML text itself): a missing attribute fails with NoSuchAttribute,
-    // a size that is not a decimal number with boost::bad_lexical_cast.
+    // Parses `content` (the XML text itself), a document of the source host: a document type
+    // declaration fails with tError_ParseFile, a missing attribute with NoSuchAttribute, a size
+    // that is not a decimal number with boost::bad_lexical_cast.
     explicit XmlAgentFileList(const std::string& content);
     ~XmlAgentFileList() noexcept override;
 

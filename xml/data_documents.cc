@@ -83,7 +83,7 @@ std::unique_ptr<AdminLocation> getAdminLocation(const std::string& content) {
 }
 
 XmlAgentDeploymentStatusDocument::XmlAgentDeploymentStatusDocument(const std::string& fileName)
-    : tXmlRkuDocument(fileName.c_str()) {
+    : tXmlRkuDocument(fileName.c_str(), XmlOrigin::SourceHost) {
     initFileDoc("agentstatus");
 }
 

@@ -1,6 +1,7 @@
 // The small documents read back from agents and from the product's command gate. Each reader
-// takes the XML text itself (not a file name), requires its root element, and answers its
-// getters by XPath relative to that root; an expression that selects nothing reads as "".
+// takes the XML text itself (not a file name), refuses a document type declaration as a parse
+// error (XmlOrigin::SourceHost), requires its root element, and answers its getters by XPath
+// relative to that root; an expression that selects nothing reads as "".
 #ifndef FERRYGATE_XML_DATA_DOCUMENTS_H
 #define FERRYGATE_XML_DATA_DOCUMENTS_H
 
@@ -83,7 +84,8 @@ class XmlAdminLocation : public tXmlRkuDocument, public AdminLocation {
 
 std::unique_ptr<AdminLocation> getAdminLocation(const std::string& content);
 
-// What a deployed agent reported about itself; read from a file, root "agentstatus".
+// What a deployed agent reported about itself; read from the session's copy of the agent's
+// answer, a document of the source host. Root "agentstatus".
 class XmlAgentDeploymentStatusDocument : public tXmlRkuDocument {
   public:
     explicit XmlAgentDeploymentStatusDocument(const std::string& fileName);

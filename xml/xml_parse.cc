@@ -1,5 +1,6 @@
 #include "xml/xml_parse.h"
 
+#include <libxml/globals.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 
@@ -12,10 +13,37 @@ namespace tavik {
 
 namespace {
 
-// Hostile documents arrive from the source host: never fetch anything they name, neither over
-// the network nor from our file system (no XML_PARSE_NOENT, XML_PARSE_DTDLOAD or
-// XML_PARSE_DTDATTR), and keep libxml2's limits on entity expansion (no XML_PARSE_HUGE).
+// Never fetch anything a document names, neither over the network nor from our file system (no
+// XML_PARSE_NOENT, XML_PARSE_DTDLOAD or XML_PARSE_DTDATTR), and keep libxml2's limits on what it
+// expands while parsing (no XML_PARSE_HUGE).
 const int kParseOptions = XML_PARSE_NONET;
+
+struct ParserCtxtFree {
+    void operator()(xmlParserCtxt* ctxt) const { xmlFreeParserCtxt(ctxt); }
+};
+using ParserCtxtPtr = std::unique_ptr<xmlParserCtxt, ParserCtxtFree>;
+
+// The SAX event of "<!DOCTYPE name ...", which comes before its internal subset is read: the
+// declaration is not handed on to the tree builder, and the parse ends not well-formed.
+void refuseDoctype(void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
+    auto* ctxt = static_cast<xmlParserCtxt*>(context);
+    xmlGenericError(xmlGenericErrorContext,
+                    "line %d: a document from the source host may not carry a document type "
+                    "declaration (DOCTYPE)\n",
+                    ctxt->input != nullptr ? ctxt->input->line : 0);
+    ctxt->wellFormed = 0;
+    xmlStopParser(ctxt);
+}
+
+// A parser context for one document of `origin`; null when the library has no memory.
+ParserCtxtPtr newParser(XmlOrigin origin) {
+    ParserCtxtPtr ctxt(xmlNewParserCtxt());
+    if (!ctxt) return ctxt;
+    // Already for opening the file itself, which comes before the options of the read.
+    xmlCtxtUseOptions(ctxt.get(), kParseOptions);
+    if (origin == XmlOrigin::SourceHost) ctxt->sax->internalSubset = refuseDoctype;
+    return ctxt;
+}
 
 }  // namespace
 
@@ -52,14 +80,18 @@ void tXmlErrorCollector::collect(void* context, const char* format, ...) {
 
 void XmlDocFree::operator()(xmlDoc* doc) const { xmlFreeDoc(doc); }
 
-XmlDocPtr readXmlFile(const char* filename) {
-    return XmlDocPtr(xmlReadFile(filename, nullptr, kParseOptions));
+XmlDocPtr readXmlFile(const char* filename, XmlOrigin origin) {
+    const ParserCtxtPtr ctxt = newParser(origin);
+    if (!ctxt) return XmlDocPtr();
+    return XmlDocPtr(xmlCtxtReadFile(ctxt.get(), filename, nullptr, kParseOptions));
 }
 
-XmlDocPtr readXmlMemory(const std::string& content) {
+XmlDocPtr readXmlMemory(const std::string& content, XmlOrigin origin) {
     if (content.size() > static_cast<size_t>(INT_MAX)) return XmlDocPtr();
-    return XmlDocPtr(xmlReadMemory(content.data(), static_cast<int>(content.size()), nullptr,
-                                   nullptr, kParseOptions));
+    const ParserCtxtPtr ctxt = newParser(origin);
+    if (!ctxt) return XmlDocPtr();
+    return XmlDocPtr(xmlCtxtReadMemory(ctxt.get(), content.data(), static_cast<int>(content.size()),
+                                       nullptr, nullptr, kParseOptions));
 }
 
 }  // namespace tavik

@@ -46,12 +46,25 @@ struct XmlDocFree {
 // Sole owner of a parsed tree.
 using XmlDocPtr = std::unique_ptr<xmlDoc, XmlDocFree>;
 
+// Where a document comes from decides what it may declare.
+enum class XmlOrigin {
+    // Written on this host (the product's data, the controlling process's selection file): a
+    // document type declaration is kept, for validation against it.
+    Local,
+    // Sent by the source host: a document type declaration, the only place where entities can
+    // be declared, makes the document not well-formed, and the parse stops right there. A
+    // declared entity expands later, when the tree's text is read, where libxml2 sets no limit:
+    // one entity of 100 KB referenced 10,000 times becomes a gigabyte.
+    SourceHost,
+};
+
 // Parses `filename` ("-" is standard input) without ever loading external entities or DTDs,
-// from the file system or the network; entity expansion stays within libxml2's default limits.
-// Null when the text is not well-formed; the messages are in the installed collector.
-XmlDocPtr readXmlFile(const char* filename);
+// from the file system or the network. Null when the text is not well-formed (for the source
+// host, also when it carries a document type declaration); the messages are in the installed
+// collector.
+XmlDocPtr readXmlFile(const char* filename, XmlOrigin origin);
 // The same for a text in memory.
-XmlDocPtr readXmlMemory(const std::string& content);
+XmlDocPtr readXmlMemory(const std::string& content, XmlOrigin origin);
 
 }  // namespace tavik
 

@@ -51,16 +51,18 @@ tXmlDocument::tXmlDocument() : doc_(xmlNewDoc(BAD_CAST "1.0"), xmlFreeDoc) {
         TAVIK_XML_RAISE(logger, tError_XmlInternal, "#0001: Can not create new XML document.");
 }
 
-tXmlDocument::tXmlDocument(const char* filename) { readFromFile(filename); }
-
-tXmlDocument::tXmlDocument(const boost::filesystem::path& filename) {
-    readFromFile(filename.c_str());
+tXmlDocument::tXmlDocument(const char* filename, XmlOrigin origin) {
+    readFromFile(filename, origin);
 }
 
-tXmlDocument::tXmlDocument(const std::string& content) {
+tXmlDocument::tXmlDocument(const boost::filesystem::path& filename, XmlOrigin origin) {
+    readFromFile(filename.c_str(), origin);
+}
+
+tXmlDocument::tXmlDocument(const std::string& content, XmlOrigin origin) {
     if (content.empty()) TAVIK_XML_RAISE(logger, AssertionFailed, "content.size()");
     tXmlErrorCollector errors;
-    XmlDocPtr parsed = readXmlMemory(content);
+    XmlDocPtr parsed = readXmlMemory(content, origin);
     if (!parsed) TAVIK_XML_RAISE(logger, tError_ParseFile, "-", errors.text());
     doc_ = std::move(parsed);
 }
@@ -69,13 +71,13 @@ tXmlDocument::tXmlDocument(Adopt, xmlDoc* owned) : doc_(owned, xmlFreeDoc) {}
 
 tXmlDocument::~tXmlDocument() noexcept(false) = default;
 
-void tXmlDocument::readFromFile(const char* filename) {
+void tXmlDocument::readFromFile(const char* filename, XmlOrigin origin) {
     if (filename == nullptr) TAVIK_XML_RAISE(logger, AssertionFailed, "filename != NULL");
     if (*filename == '\0') TAVIK_XML_RAISE(logger, AssertionFailed, "*filename != 0");
     if (std::strcmp(filename, "-") != 0 && !check_input_file(filename))
         TAVIK_XML_RAISE(logger, tError_WrongInputFile, filename);
     tXmlErrorCollector errors;
-    XmlDocPtr parsed = readXmlFile(filename);
+    XmlDocPtr parsed = readXmlFile(filename, origin);
     if (!parsed) TAVIK_XML_RAISE(logger, tError_ParseFile, filename, errors.text());
     doc_ = std::move(parsed);
 }
@@ -151,16 +153,17 @@ void tXmlDocument::saveToFileAtomically(const std::string& filename, const FileO
 
 tXmlRkuDocument::tXmlRkuDocument() : root_(nullptr) {}
 
-tXmlRkuDocument::tXmlRkuDocument(const char* filename) : tXmlDocument(filename), root_(nullptr) {}
+tXmlRkuDocument::tXmlRkuDocument(const char* filename, XmlOrigin origin)
+    : tXmlDocument(filename, origin), root_(nullptr) {}
 
-tXmlRkuDocument::tXmlRkuDocument(const boost::filesystem::path& filename)
-    : tXmlDocument(filename), root_(nullptr) {}
+tXmlRkuDocument::tXmlRkuDocument(const boost::filesystem::path& filename, XmlOrigin origin)
+    : tXmlDocument(filename, origin), root_(nullptr) {}
 
-tXmlRkuDocument::tXmlRkuDocument(const std::string& content)
-    : tXmlDocument(content), root_(nullptr) {}
+tXmlRkuDocument::tXmlRkuDocument(const std::string& content, XmlOrigin origin)
+    : tXmlDocument(content, origin), root_(nullptr) {}
 
-void tXmlRkuDocument::readFromFile(const char* filename) {
-    tXmlDocument::readFromFile(filename);
+void tXmlRkuDocument::readFromFile(const char* filename, XmlOrigin origin) {
+    tXmlDocument::readFromFile(filename, origin);
     root_ = nullptr;
 }
 

@@ -9,6 +9,8 @@
 #include <memory>
 #include <string>
 
+#include "xml/xml_parse.h"
+
 struct _xmlDoc;
 typedef struct _xmlDoc xmlDoc;
 struct _xmlNode;
@@ -43,17 +45,19 @@ class tXmlDocument {
     // An empty document of version "1.0".
     tXmlDocument();
     // Reads the file (see readFromFile).
-    explicit tXmlDocument(const char* filename);
-    explicit tXmlDocument(const boost::filesystem::path& filename);
-    // Parses `content` itself, NOT a file name: parse errors name the source "-".
-    explicit tXmlDocument(const std::string& content);
+    explicit tXmlDocument(const char* filename, XmlOrigin origin = XmlOrigin::Local);
+    explicit tXmlDocument(const boost::filesystem::path& filename,
+                          XmlOrigin origin = XmlOrigin::Local);
+    // Parses `content` itself, NOT a file name: parse errors name the source "-". Text in memory
+    // is what the agents print, so it is taken for the source host's unless said otherwise.
+    explicit tXmlDocument(const std::string& content, XmlOrigin origin = XmlOrigin::SourceHost);
     // Documents that save themselves on destruction may fail there (see migration_status.h);
     // releasing the tree never throws.
     virtual ~tXmlDocument() noexcept(false);
 
     // Replaces this holder's tree with the parsed file; "-" is standard input. External
-    // entities and DTDs are never loaded.
-    void readFromFile(const char* filename);
+    // entities and DTDs are never loaded; see XmlOrigin for what a document may declare.
+    void readFromFile(const char* filename, XmlOrigin origin = XmlOrigin::Local);
 
     // Writes the document over the file's content; "-" is standard output.
     virtual void saveToFile(const char* filename);
@@ -96,13 +100,14 @@ class tXmlRkuDocument : public tXmlDocument {
     // Empty; initNewDoc gives it a root.
     tXmlRkuDocument();
     // Read; initFileDoc checks the root.
-    explicit tXmlRkuDocument(const char* filename);
-    explicit tXmlRkuDocument(const boost::filesystem::path& filename);
+    explicit tXmlRkuDocument(const char* filename, XmlOrigin origin = XmlOrigin::Local);
+    explicit tXmlRkuDocument(const boost::filesystem::path& filename,
+                             XmlOrigin origin = XmlOrigin::Local);
     // Parses `content` itself, NOT a file name.
-    explicit tXmlRkuDocument(const std::string& content);
+    explicit tXmlRkuDocument(const std::string& content, XmlOrigin origin = XmlOrigin::SourceHost);
 
     // As tXmlDocument::readFromFile; the root must then be found again with initFileDoc.
-    void readFromFile(const char* filename);
+    void readFromFile(const char* filename, XmlOrigin origin = XmlOrigin::Local);
 
     // Creates the root element `rootName`.
     void initNewDoc(const std::string& rootName);

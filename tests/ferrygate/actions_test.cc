@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <iostream>
+#include <log4cpp/Category.hh>
+#include <log4cpp/OstreamAppender.hh>
 #include <memory>
 #include <sstream>
 
@@ -137,6 +139,10 @@ Commands join(std::initializer_list<Commands> parts) {
 // directory (directories made and given to the login, files uploaded, control/ kept home), then
 // asks the agent for its status.
 TEST(Actions, SendExactlyTheseCommandsWithAndWithoutSudo) {
+    // Sudo's password travels as a line of input, which the log shows masked.
+    static std::ostringstream logged;
+    log4cpp::Category::getInstance("p.Action")
+        .addAppender(new log4cpp::OstreamAppender("capture", &logged));
     const std::string entry = kDir + "/run.pl";
     const std::string status = kDir + "/dumping-status.xml";
     const std::string ask =
@@ -184,6 +190,8 @@ TEST(Actions, SendExactlyTheseCommandsWithAndWithoutSudo) {
         EXPECT_EQ("<agentstatus/>",
                   testing::readFile(deploy.env->session().getDeploymentStatusFileName()));
     }
+    EXPECT_NE(std::string::npos, logged.str().find("remote stdin <- ***\n")) << logged.str();
+    EXPECT_EQ(std::string::npos, logged.str().find("sudo-secret")) << logged.str();
 }
 
 // What the controlling process sees, save by save, while each action runs.
@@ -288,7 +296,15 @@ TEST(Actions, FailWithTheirOwnKindAndExitCode) {
         EXPECT_EQ(row.exitCode, run.exitCode) << row.action << " " << row.match;
         EXPECT_TRUE(run.env->deleted.empty()) << "a source was deleted";
     }
-    // Nothing is fetched when the space is short, nor without an agent to ask.
+    // Nothing is fetched when the list holds an entity that would expand to a gigabyte, nor
+    // when the space is short, nor without an agent to ask.
+    std::string flat = "<!DOCTYPE contentlist [<!ENTITY e \"" + std::string(100 * 1024, 'x') +
+                       "\">]><contentlist><file size='1' md5sum='x'>";
+    for (int i = 0; i < 10000; ++i) flat += "&e;";
+    ActionRun bomb(ACTION_GET_CONTENT);
+    bomb.env->answer("--get-content-list", {0, flat + "</file></contentlist>", "", {}});
+    EXPECT_EQ("CantRetrieveContentList", bomb());
+    EXPECT_EQ(1u, bomb.env->commands().size());
     ActionRun content(ACTION_GET_CONTENT);
     content.env->free = 3;
     EXPECT_EQ("NotEnoughSpace", content());

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <boost/filesystem.hpp>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -29,15 +30,21 @@ size_t find(const std::string& text, const std::string& what, size_t from = 0) {
 }
 
 // A refused command line still leaves the session directory (root, group hmxadm, 0750) and its
-// log, where the refusal stands between the start and the end records, and nothing on the
-// console.
+// log, where the start record (every word quoted for the shell, a password masked), what the
+// configuration reader found and the refusal stand in order, and nothing on the console. A
+// one-letter password leaves every other word of the log intact.
 TEST(Driver, AVerificationFailureIsRecordedInTheSessionLog) {
     ASSERT_TRUE(testing::addSystemAccount("hmxadm"));
     testing::ScratchDir product, cwd;
-    testing::writeTextFile("/etc/hmx/hmx.conf", "PRODUCT_ROOT_D " + product.path() + "\n");
+    testing::writeTextFile("/etc/hmx/hmx.conf",
+                           "PRODUCT_ROOT_D " + product.path() + "\nPRODUCT_ROOT_D=/opt/hmx\n");
     testing::writeTextFile(product.path() + "/RKU/log4cpp.properties",
                            readFile(FERRYGATE_SOURCE_DIR "/data/log4cpp.properties"));
-    const ProcessResult r = run({"--send-scout", "--session-path", "S"}, cwd.path());
+    setenv("HMX_PASSWORD", "p", 1);
+    const ProcessResult r =
+        run({"--send-scout", "--session-path", "S", "--login=a b", "--agent-name=it's",
+             "--agent-dir=;", "--domains=x\ny", "--clients=p"},
+            cwd.path());
     EXPECT_EQ(1, r.status);
     EXPECT_EQ("", r.out + r.err);
     struct stat st = {};
@@ -49,13 +56,19 @@ TEST(Driver, AVerificationFailureIsRecordedInTheSessionLog) {
     const std::string log = readFile(cwd.path() + "/S/migration.log");
     const std::string end = "[INFO] p.log: Ferrygate finished. Exit code: 1\n";
     size_t at = find(log, std::string(" [INFO] p.log: Ferrygate started : ") + FERRYGATE_BINARY +
-                              " --send-scout --session-path S\n");
+                              " --send-scout --session-path S --login=a\\ b --agent-name=it\\'s "
+                              "--agent-dir=\\; --domains=x'\n'y ***\n");
+    at = find(log,
+              "[INFO] p.log: /etc/hmx/hmx.conf:2: Invalid variable definition "
+              "PRODUCT_ROOT_D=/opt/hmx: expected a space after variable name\n",
+              at);
     at = find(log,
               "[INFO] p.log: OptParsingError: Unable to parse command line: host is required "
               "unless --help or -h requested\n [",
               at);
     at = find(log, "/ferrygate/options.cc:", at);
     EXPECT_EQ(log.size(), find(log, end, at) + end.size());
+    EXPECT_EQ(std::string::npos, log.find("***", log.find("***") + 1)) << log;
     EXPECT_EQ("", readFile(cwd.path() + "/S/migration.log.debug"))
         << "debug lines without --verbose";
 }

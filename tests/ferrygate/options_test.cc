@@ -71,6 +71,9 @@ TEST(VerifyOptions, RulesAndMessagesInOrder) {
          "agent directory" + kNotAllowed},
         {"--remove-agent --host=h --login=l --agent-dir=d", true, "agent name" + kMissed},
         {"--get-dumping-status --host=h --login=l", true, "agent directory" + kMissed},
+        {"--send-scout --host=h --login=l --host-key=SHA256:" + std::string(42, 'a') + "=", true,
+         "--host-key takes SHA256: and 43 base64 characters, as ssh-keygen -l shows"},
+        {"--remove-dumping-status --host-key=x", false, "host key" + kNotAllowed},
     };
     unsetenv("HMX_PASSWORD");
     unsetenv("HMX_SUDO_PASSWORD");

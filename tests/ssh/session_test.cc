@@ -16,24 +16,14 @@
 namespace tavik {
 namespace {
 
-// Every line logged on a log4cpp category while it lives, at every priority.
-class LogCapture {
-  public:
-    explicit LogCapture(const std::string& category)
-        : category_(log4cpp::Category::getInstance(category)),
-          appender_(new log4cpp::OstreamAppender("capture", &lines_)) {
-        category_.addAppender(appender_);  // the category owns the appender from here
-        category_.setPriority(log4cpp::Priority::DEBUG);
-    }
-    ~LogCapture() { category_.removeAppender(appender_); }
-    LogCapture(const LogCapture&) = delete;
-    std::string text() const { return lines_.str(); }
-
-  private:
-    std::ostringstream lines_;
-    log4cpp::Category& category_;
-    log4cpp::Appender* appender_;
-};
+// What the session logs from the first call on; each test runs in a process of its own.
+std::string sessionLog() {
+    static std::ostringstream lines;
+    static const bool attached = (log4cpp::Category::getInstance("p.libssh2pp.Session")
+                                      .addAppender(new log4cpp::OstreamAppender("capture", &lines)),
+                                  true);
+    return attached ? lines.str() : "";
+}
 
 int countMatches(const std::string& text, const std::string& pattern) {
     const std::regex re(pattern);
@@ -65,7 +55,8 @@ class PasswordServer : public test::SshdTest {};
 
 TEST_F(PasswordServer, WrongPasswordIsInvalidCredentialsAfterBothMethodsWereTriedOnce) {
     // A retry would count twice against the account's lock-out limit.
-    EXPECT_THROW(Ssh(host(), user(), password() + "x", false, port()), Exc<&SshInvalidCredentials>);
+    EXPECT_THROW(Ssh(host(), user(), password() + "x", false, port(), hostKeys()),
+                 Exc<&SshInvalidCredentials>);
     // sshd logs a failed attempt only once the client has gone.
     std::string log;
     for (int i = 0; i < 100 && countMatches(log, "Failed (password|keyboard-interactive)") < 2;
@@ -79,18 +70,18 @@ TEST_F(PasswordServer, WrongPasswordIsInvalidCredentialsAfterBothMethodsWereTrie
 
 // This library has no "none" cipher: a preference it cannot meet must not fail the connection.
 TEST_F(PasswordServer, NoEncryptionFallsBackToEncryptionWithOneWarning) {
-    LogCapture sessionLog("p.libssh2pp.Session");
-    Ssh ssh(host(), user(), password(), true, port());
+    sessionLog();
+    Ssh ssh(host(), user(), password(), true, port(), hostKeys());
     EXPECT_FALSE(ssh.session().compatibility());
-    EXPECT_EQ(1, countMatches(sessionLog.text(), "WARN .*stays encrypted"));
+    EXPECT_EQ(1, countMatches(sessionLog(), "WARN .*stays encrypted"));
     expectCommandsWork(ssh);
 }
 
 TEST(KeyboardInteractiveServer, AnswersThePromptsWithThePassword) {
-    LogCapture sessionLog("p.libssh2pp.Session");
+    sessionLog();
     const auto sshd = server(&test::SshdOptions::auth, "keyboard-interactive");
-    Ssh ssh(sshd.host(), sshd.user(), sshd.password(), false, sshd.port());
-    const std::string log = sessionLog.text();
+    Ssh ssh(sshd.host(), sshd.user(), sshd.password(), false, sshd.port(), sshd.hostKeys());
+    const std::string log = sessionLog();
     EXPECT_EQ(std::string::npos, log.find("Trying 'password' authentication"));
     EXPECT_NE(std::string::npos, log.find("Filling 1 responses with the password"));
     EXPECT_EQ(std::string::npos, log.find(sshd.password()));
@@ -98,8 +89,9 @@ TEST(KeyboardInteractiveServer, AnswersThePromptsWithThePassword) {
 
 TEST(PublicKeyServer, IsRefusedWithoutAnyAttempt) {
     const auto sshd = server(&test::SshdOptions::auth, "publickey");
-    EXPECT_THROW(Ssh(sshd.host(), sshd.user(), sshd.password(), false, sshd.port()),
-                 Exc<&SshInvalidCredentials>);
+    EXPECT_THROW(
+        Ssh(sshd.host(), sshd.user(), sshd.password(), false, sshd.port(), sshd.hostKeys()),
+        Exc<&SshInvalidCredentials>);
     EXPECT_EQ(0, countMatches(sshd.log(), "Failed (password|keyboard-interactive)"));
 }
 
@@ -110,7 +102,7 @@ TEST(LegacyKexServer, TheCompatibilityRetryRunsCommandsBesideItsReserveChannel) 
     options.compat = true;
     const test::SshdServer sshd(options);
     test::RelayProcess front(sshd.port(), {"--drop-first", "1"});
-    Ssh ssh(sshd.host(), sshd.user(), sshd.password(), false, front.port());
+    Ssh ssh(sshd.host(), sshd.user(), sshd.password(), false, front.port(), sshd.hostKeys());
     ASSERT_TRUE(ssh.session().compatibility());
     EXPECT_NE(nullptr, ssh.session().reserveChannel());
     EXPECT_STREQ("diffie-hellman-group1-sha1",
@@ -120,7 +112,7 @@ TEST(LegacyKexServer, TheCompatibilityRetryRunsCommandsBesideItsReserveChannel) 
 
 TEST(Ipv6OnlyServer, IsReachedByItsAddress) {
     const auto sshd = server(&test::SshdOptions::address, "::1");
-    Ssh ssh("::1", sshd.user(), sshd.password(), false, sshd.port());
+    Ssh ssh("::1", sshd.user(), sshd.password(), false, sshd.port(), sshd.hostKeys());
     expectCommandsWork(ssh);
 }
 

@@ -25,7 +25,7 @@ class Exec : public test::SshdTest {
   protected:
     void SetUp() override {
         SshdTest::SetUp();
-        ssh.reset(new Ssh(host(), user(), password(), false, port()));
+        ssh.reset(new Ssh(host(), user(), password(), false, port(), hostKeys()));
     }
     void TearDown() override {
         ssh.reset();
@@ -61,7 +61,7 @@ TEST_F(Exec, ReturnsTheExitStatusOrTheSignalThatEndedTheCommandAtOnce) {
 // keep-alive requests meanwhile, so silence beyond the limit is no lost connection.
 TEST_F(Exec, ASilentCommandIsWaitedForWithoutSpinningAndBeyondTheSilenceLimit) {
     testing::writeTextFile("/etc/hmx/hmx.conf", "SSH_SILENCE_TIMEOUT 2\n");
-    ssh.reset(new Ssh(host(), user(), password(), false, port()));
+    ssh.reset(new Ssh(host(), user(), password(), false, port(), hostKeys()));
     auto cpuSeconds = [] {
         rusage usage = {};
         getrusage(RUSAGE_SELF, &usage);
@@ -178,7 +178,7 @@ TEST_F(Far, NoSignalEndsAWaitAndTheAlarmKeepsItsOwnTime) {
     ASSERT_EQ(0, sshd().runAsUser("echo running > status").status);
     test::RelayProcess far(port(), {"--delay-up-ms", "350", "--delay-down-ms", "350"});
     const StraySignals signals;
-    Ssh ssh(host(), user(), password(), false, far.port());
+    Ssh ssh(host(), user(), password(), false, far.port(), hostKeys());
     CopyingAlarm alarm(ssh);
     ssh.setAlarm(&alarm);
     std::ostringstream out, err;

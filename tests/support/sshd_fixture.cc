@@ -37,11 +37,13 @@ SshdServer::SshdServer(const SshdOptions& options)
         throw std::runtime_error(
             "the sshd fixture needs scripts/sandbox.sh (run the tests with ctest)");
     }
+    const std::string port = std::to_string(options.port);
+    const std::string ports = options.port != 0 ? port + "-" + port : "20000-32767";
     std::vector<std::string> argv = {"/bin/bash",    scriptsDir() + "/sshd-host.sh",
                                      "start",        "--user",
                                      user_,          "--auth",
                                      options.auth,   "--ports",
-                                     "20000-32767",  "--address",
+                                     ports,          "--address",
                                      options.address};
     if (options.compat) argv.push_back("--compat");
     const ProcessResult started = runProcess(argv, "", {"FERRYGATE_SSHD_PASSWORD=" + password_});

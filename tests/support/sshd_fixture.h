@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "ssh/known_hosts.h"
 #include "support/process.h"
 
 namespace tavik {
@@ -25,6 +26,8 @@ struct SshdOptions {
     bool compat = false;
     // The one address the server listens on.
     std::string address = "127.0.0.1";
+    // The port; 0 for a random one.
+    unsigned short port = 0;
 };
 
 // One running server and its test account; stopped (with all its sessions) by the destructor.
@@ -47,6 +50,8 @@ class SshdServer {
     // Kills every per-connection process and what runs below it, as a crash of the server side
     // of every connection would; the listener keeps running.
     void killSessions() const;
+    // For the clients of this server: its key recorded in a file that goes with it.
+    HostKeyPolicy hostKeys() const { return HostKeyPolicy(dir_ + "/known_hosts"); }
     // The server's own log, for diagnosing a failing test.
     std::string log() const;
     // Stops the server now (the destructor does it otherwise).
@@ -74,6 +79,7 @@ class SshdTest : public ::testing::Test {
     unsigned short port() const { return server_->port(); }
     const std::string& user() const { return server_->user(); }
     const std::string& password() const { return server_->password(); }
+    HostKeyPolicy hostKeys() const { return server_->hostKeys(); }
 
   private:
     std::unique_ptr<SshdServer> server_;

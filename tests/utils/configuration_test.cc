@@ -6,25 +6,29 @@
 #include <vector>
 
 #include "support/sandbox_env.h"
-#include "utils/liblog.h"
 #include "utils/read_configuration.h"
 
 namespace {
 
 using tavik::testing::writeTextFile;
 
-// A heap store, freed with everything it owns.
+void keep(void* reports, const char* report) {
+    static_cast<std::vector<std::string>*>(reports)->push_back(report);
+}
+
+// A heap store, freed with everything it owns, and what the reader reported.
 struct Store {
     conf_data* conf = static_cast<conf_data*>(calloc(1, sizeof(conf_data)));
+    tavik::testing::ScratchDir dir;
+    std::vector<std::string> reports;
     ~Store() { conf_free_r(conf); }
     std::string operator[](const std::string& name) const {
         const char* value = conf_get_r(name.c_str(), conf);
         return value != nullptr ? value : "<null>";
     }
-    int read(const std::string& text) {
-        tavik::testing::ScratchDir dir;
-        writeTextFile(dir.path() + "/conf", text);
-        return conf_read_file_r((dir.path() + "/conf").c_str(), conf);
+    int read(const std::string& text, std::string path = "") {
+        if (path.empty()) writeTextFile(path = dir.path() + "/conf", text);
+        return conf_read_file_to(path.c_str(), conf, keep, &reports);
     }
 };
 
@@ -46,20 +50,22 @@ TEST(ConfigurationReader, TrailingWhiteSpaceFollowsTheTogglingRule) {
     }
 }
 
-TEST(ConfigurationReader, RejectedLinesAreLoggedAndLaterDefinitionsWin) {
-    tavik_log_init("console", 12, 0, 0, nullptr);
-    ::testing::internal::CaptureStderr();
+TEST(ConfigurationReader, RejectedLinesAreReportedWithTheirPlaceAndLaterDefinitionsWin) {
     Store store;
     EXPECT_EQ(0, store.read("# comment\n   \nEQ=1\nNOVALUE  \nHASH #x\n  _U_9 ok\nK 1\nK 2\n"));
+    EXPECT_EQ(-1, store.read("", "/nonexistent/hmx.conf"));
+    const std::string path = store.dir.path() + "/conf";
     EXPECT_EQ(
-        "Invalid variable definition EQ=1\n\nExpected a space after variable name\n\n"
-        "Invalid variable definition NOVALUE  \n\nExpected a value\n"
-        "Invalid variable definition HASH #x\n\nExpected a value\n",
-        ::testing::internal::GetCapturedStderr());
+        (std::vector<std::string>{
+            path + ":3: Invalid variable definition EQ=1: expected a space after variable name",
+            path + ":4: Invalid variable definition NOVALUE  : expected a value",
+            path + ":5: Invalid variable definition HASH #x: expected a value",
+            "unable to open configuration file /nonexistent/hmx.conf: No such file or "
+            "directory"}),
+        store.reports);
     EXPECT_EQ(2u, store.conf->nmemb);
     EXPECT_EQ("ok", store["_U_9"]);
     EXPECT_EQ("2", store["K"]);
-    EXPECT_EQ(-1, conf_read_file_r("/nonexistent/hmx.conf", store.conf));
 }
 
 }  // namespace
