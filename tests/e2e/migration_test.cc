@@ -417,6 +417,34 @@ TEST_F(Content, ProgressIsDrawnOnATerminalAndNowhereElse) {
     EXPECT_NE(std::string::npos, r.out.find(" left")) << r.out;
 }
 
+// A source that changed after the agent listed it (same size, same time, other bytes) is never
+// accepted, and never deleted; once it is right again, a rerun finishes the copy.
+TEST_F(Content, ASourceThatNoLongerMatchesItsSumIsRefusedAndKept) {
+    deployAndDump();
+    const Archive archive = dumpArchives().front();
+    const std::string source = remoteAgent_ + "/content/" + archive.name;
+    const std::string original = readFile(source);
+    std::string changed = original;
+    changed[changed.size() / 2] ^= 0x55;
+    const std::time_t listedTime = fs::last_write_time(source);
+    testing::writeTextFile(source, changed);
+    fs::last_write_time(source, listedTime);
+
+    ProcessResult r = ferrygate({"--get-content"});
+    EXPECT_EQ(2, r.status);
+    EXPECT_NE(std::string::npos, r.err.find("but it has to be " + archive.md5)) << r.err;
+    EXPECT_EQ(changed, readFile(source));
+    EXPECT_FALSE(fs::exists(sessionFile(archive.name)));
+    EXPECT_EQ(changed, readFile(sessionFile(archive.name + ".rejected")));
+
+    testing::writeTextFile(source, original);
+    fs::last_write_time(source, listedTime);
+    r = ferrygate({"--get-content"});
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_EQ(original, readFile(sessionFile(archive.name)));
+    EXPECT_FALSE(fs::exists(source));
+}
+
 }  // namespace
 }  // namespace test
 }  // namespace tavik
