@@ -382,6 +382,8 @@ TEST_F(Content, AStoppedDownloadEndsInOrderAndTheRerunFetchesOnlyTheRest) {
     }
     ASSERT_GT(kept, 0u);
     ASSERT_LT(kept, size);
+    RecordProperty("kept_bytes", std::to_string(kept));
+    RecordProperty("file_bytes", std::to_string(size));
 
     r = ferrygate({"--get-content"});
     ASSERT_EQ(0, r.status) << r.err;
