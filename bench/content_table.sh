@@ -31,7 +31,8 @@ fi
 bench_sandbox "$0" "$@"
 bench_host unused
 
-median() { sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
+median() { printf '%s\n' "$@" | sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
+row() { printf '%-30s %10s %10s %10s %10s %8s %8s\n' "$@"; }
 mbps() { echo "scale=1; $1 / 1000000 / $2" | bc -l; }
 ratio() { echo "scale=2; $1 / $2" | bc -l; }
 relay() { # RTT: starts fg-relay in front of sshd; sets $p
@@ -75,14 +76,11 @@ big_file() { # MIB RTT LABEL
         fi
     done
     bench_stop_relay
-    local tf ts tc
-    tf=$(printf '%s\n' "${f[@]}" | median)
-    ts=$(printf '%s\n' "${s[@]}" | median)
-    tc=$(printf '%s\n' "${c[@]}" | median)
-    local transport=-
-    [ ${#g[@]} -gt 0 ] && transport=$(mbps $bytes "$(printf '%s\n' "${g[@]}" | median)")
-    printf '%-30s %10s %10s %10s %10s %8s %8s\n' "$label" "$(mbps $bytes "$tf")" "$transport" \
-        "$(mbps $bytes "$ts")" "$(mbps $bytes "$tc")" "$(ratio "$ts" "$tf")" "$(ratio "$tc" "$tf")"
+    local tf ts tc transport=-
+    tf=$(median "${f[@]}") ts=$(median "${s[@]}") tc=$(median "${c[@]}")
+    [ ${#g[@]} -gt 0 ] && transport=$(mbps $bytes "$(median "${g[@]}")")
+    row "$label" "$(mbps $bytes "$tf")" "$transport" "$(mbps $bytes "$ts")" "$(mbps $bytes "$tc")" \
+        "$(ratio "$ts" "$tf")" "$(ratio "$tc" "$tf")"
     rm -f "$home/big.bin" "$work/source.bin"
 }
 
@@ -108,18 +106,15 @@ small_files() { # COUNT RTT LABEL
     done
     bench_stop_relay
     local tf ts tr
-    tf=$(printf '%s\n' "${f[@]}" | median)
-    ts=$(printf '%s\n' "${s[@]}" | median)
-    tr=$(printf '%s\n' "${r[@]}" | median)
+    tf=$(median "${f[@]}") ts=$(median "${s[@]}") tr=$(median "${r[@]}")
     fps() { echo "scale=0; $n / $1" | bc -l; }
-    printf '%-30s %10s %10s %10s %10s %8s %8s\n' "$label" "$(fps "$tf")" - "$(fps "$ts")" \
+    row "$label" "$(fps "$tf")" - "$(fps "$ts")" \
         "$(fps "$tr")" "$(ratio "$ts" "$tf")" "$(ratio "$tr" "$tf")"
 }
 
 echo "ferrygate $(git -C "$here" rev-parse --short HEAD 2>/dev/null || echo '?'), $(nproc) cores," \
     "on $(df -T "$work" | awk 'NR == 2 { print $2 }'), medians of $runs, load before: $(cut -d' ' -f1-3 /proc/loadavg)"
-printf '%-30s %10s %10s %10s %10s %8s %8s\n' "work" "ferrygate" "transport" "scp" \
-    "cat/rsync" "f/scp" "f/other"
+row "work" "ferrygate" "transport" "scp" "cat/rsync" "f/scp" "f/other"
 big_file "$big_mib" 0 "${big_mib} MiB, loopback (MB/s)"
 small_files "$small" 0 "$small x 4 KiB, loopback (files/s)"
 small_files "$far" 50 "$far x 4 KiB, 50 ms (files/s)"

@@ -11,7 +11,6 @@
 #include <log4cpp/Category.hh>
 #include <sstream>
 
-#include "commons/checksum.h"
 #include "commons/commons.h"
 #include "commons/exceptions.h"
 #include "commons/unique_fd.h"
@@ -108,17 +107,6 @@ std::unique_ptr<std::ofstream> Env::openForWrite(const std::string& path, bool a
 int64_t Env::fileSize(const std::string& path) const {
     struct stat st;
     return stat(path.c_str(), &st) == 0 ? static_cast<int64_t>(st.st_size) : -1;
-}
-
-std::string Env::md5(const std::string& path) const {
-    std::ifstream in(path.c_str(), std::ios::binary);
-    if (!in) return std::string();
-    try {
-        return countMd5Sum(in);
-    } catch (const ExTraceable&) {
-        // A file that cannot be read to its end has no sum that could match.
-        return std::string();
-    }
 }
 
 void Env::makeDir(const std::string& path, unsigned mode) {

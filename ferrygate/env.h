@@ -78,8 +78,6 @@ class Env {
     virtual std::unique_ptr<std::ofstream> openForWrite(const std::string& path, bool append);
     // The file's size in bytes, -1 when it cannot be found.
     virtual int64_t fileSize(const std::string& path) const;
-    // The MD5 sum of the file's content as 32 hexadecimal digits, empty when unreadable.
-    virtual std::string md5(const std::string& path) const;
     // Creates `path` and its missing parents (mode `mode`, umask 022) for adminOwner().
     virtual void makeDir(const std::string& path, unsigned mode);
     // Bytes available to unprivileged users on the file system of `path` or, while `path`

@@ -6,7 +6,6 @@
 #include <sstream>
 
 #include "ssh/shell_quote.h"
-#include "support/process.h"
 #include "support/xml_render.h"
 
 namespace tavik {
@@ -137,23 +136,6 @@ int FakeEnv::exec(const std::string& command, std::istream& in, std::ostream& ou
         return 1;
     }
     return 0;
-}
-
-std::vector<std::string> shellWordsOf(const std::string& line) {
-    // The shell itself splits and unquotes: printf shows each word between NUL bytes.
-    const std::string script = "eval \"set -- $1\"; printf '%s\\0' \"$@\"";
-    const std::string output = test::runProcess({"/bin/sh", "-c", script, "sh", line}).out;
-    std::vector<std::string> words;
-    std::string word;
-    for (char c : output) {
-        if (c == '\0') {
-            words.push_back(word);
-            word.clear();
-        } else {
-            word += c;
-        }
-    }
-    return words;
 }
 
 }  // namespace testing

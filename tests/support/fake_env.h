@@ -76,9 +76,6 @@ class FakeEnv : private FakeEnvFiles, public Env {
     Alarm* alarm_ = nullptr;
 };
 
-// The words that /bin/sh makes of `line` (each word's text after quote removal).
-std::vector<std::string> shellWordsOf(const std::string& line);
-
 }  // namespace testing
 }  // namespace tavik
 
