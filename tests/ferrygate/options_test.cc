@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "commons/exceptions.h"
+#include "ferrygate/dump_options.h"
+#include "support/sandbox_env.h"
 
 namespace tavik {
 namespace {
@@ -23,8 +25,10 @@ config parse(const std::string& line) {
     return cfg;
 }
 
-// The message verification raises, or "" when the options are accepted.
-std::string verify(config cfg) {
+// The message verification raises for `line`, or "" when the options are accepted.
+std::string verify(const std::string& line, bool password = true) {
+    config cfg = parse(line);
+    if (password) cfg.password = "pw";
     try {
         verify_options(&cfg);
         return "";
@@ -33,22 +37,19 @@ std::string verify(config cfg) {
     }
 }
 
-const std::string kPrefix = "Unable to parse command line: ";
-const std::string kMissed = " is required unless --help or -h requested\n";
-const std::string kNotAllowed = " is not allowed with --help or -h\n";
-const std::string kPortMessage = "port should be a number in [1, 65535] range";
-
-// The options fuzz target checks what a verified command line guarantees; this checks the
-// messages and which rule speaks first.
-TEST(VerifyOptions, RulesAndMessagesInOrder) {
+// Which rule speaks first, and that every action gets what it needs and nothing it would ignore.
+TEST(Options, VerificationRulesInOrder) {
+    const std::string missed = " is required unless --help or -h requested\n";
+    const std::string notAllowed = " is not allowed with --help or -h\n";
     const std::string extra = "' only may be specified when '--";
+    const std::string scout = "--send-scout --host=h --login=l";
+    const std::string port = "port should be a number in [1, 65535] range";
     const struct {
         std::string line;
         bool password;  // whether HMX_PASSWORD had given one
         std::string message;
     } cases[] = {
         {"", true, "No action given"},
-        {"--send-scout --send-scout", true, "More than one action is given"},
         {"-h --remove-dumping-status --no-check-space", true, "More than one action is given"},
         {"--dump-all --no-check-space --no-content", true,
          "'--no-check-space" + extra + "get-content' is requested"},
@@ -57,47 +58,83 @@ TEST(VerifyOptions, RulesAndMessagesInOrder) {
          "--agent-name=n",
          true, ""},
         {"--remove-dumping-status", false, ""},
-        {"--remove-dumping-status --host=h --port=0", false, "host" + kNotAllowed},
-        {"--remove-dumping-status --port=-1 --login=l", false, "port" + kNotAllowed},
-        {"--remove-dumping-status --agent-name=n", true, "password" + kNotAllowed},
-        {"--remove-dumping-status --agent-name=n", false, "agent name" + kNotAllowed},
-        {"--remove-dumping-status --sudo-password", false, "sudo parameters" + kNotAllowed},
-        {"--send-scout --login=l --port=0", true, "host" + kMissed},
-        {"--send-scout --host=h", true, "login" + kMissed},
-        {"--send-scout --host=h --login=l", false, "password" + kMissed},
-        {"--send-scout --host=h --login=l --sudo-password", true,
+        {"--remove-dumping-status --host=h --port=0", false, "host" + notAllowed},
+        {"--remove-dumping-status --agent-name=n", true, "password" + notAllowed},
+        {"--remove-dumping-status --sudo-password", false, "sudo parameters" + notAllowed},
+        {"--remove-dumping-status --host-key=x", false, "host key" + notAllowed},
+        {"--send-scout --login=l --port=0", true, "host" + missed},
+        {"--send-scout --host=h", true, "login" + missed},
+        {scout, false, "password" + missed},
+        {scout + " --sudo-password", true,
          "HMX_SUDO_PASSWORD environment variable is not provided with --sudo-password\n"},
-        {"--send-scout --host=h --login=l --agent-dir=d --agent-name=n", true,
-         "agent directory" + kNotAllowed},
-        {"--remove-agent --host=h --login=l --agent-dir=d", true, "agent name" + kMissed},
-        {"--get-dumping-status --host=h --login=l", true, "agent directory" + kMissed},
-        {"--send-scout --host=h --login=l --host-key=SHA256:" + std::string(42, 'a') + "=", true,
+        {scout + " --agent-dir=d --agent-name=n", true, "agent directory" + notAllowed},
+        {"--remove-agent --host=h --login=l --agent-dir=d", true, "agent name" + missed},
+        {"--get-dumping-status --host=h --login=l", true, "agent directory" + missed},
+        // The port is a signed 16-bit number with trailing text ignored; 0 is refused too.
+        {scout + " --port=32767", true, ""},
+        {scout + " --port=22abc", true, ""},
+        {scout + " --port=32768", true, port},
+        {scout + " --port=-32769", true, port},
+        {scout + " --port=0", true, port},
+        {scout + " --port=abc", true, port},
+        {scout + " --host-key=SHA256:" + std::string(42, 'a') + "=", true,
          "--host-key takes SHA256: and 43 base64 characters, as ssh-keygen -l shows"},
-        {"--remove-dumping-status --host-key=x", false, "host key" + kNotAllowed},
     };
     unsetenv("HMX_PASSWORD");
     unsetenv("HMX_SUDO_PASSWORD");
     for (const auto& c : cases) {
-        config cfg = parse(c.line);
-        if (c.password) cfg.password = "pw";
-        EXPECT_EQ(c.message.empty() ? "" : kPrefix + c.message, verify(cfg)) << c.line;
+        EXPECT_EQ(c.message.empty() ? "" : "Unable to parse command line: " + c.message,
+                  verify(c.line, c.password))
+            << c.line;
     }
+    EXPECT_EQ(22, parse("--port=22abc").port);
+    EXPECT_EQ("second", parse("--ip=first --host=second").host);  // the obsolete alias
 }
 
-TEST(ParseOptions, PortIsASigned16BitNumberWithTrailingTextIgnoredAndHostHasAnAlias) {
-    const std::vector<std::pair<std::string, int>> cases = {
-        {"0", -1},        {"abc", -1},        {"65535", -1},  {"32768", -1},
-        {"32767", 32767}, {"22abc", 22},      {"22", 22},     {"-2", -2},
-        {"-1", -1},       {"-32768", -32768}, {"-32769", -1}, {"99999999999999999999", -1},
+// The agent's arguments for a dump, in order, then "|" and its input lines.
+std::string dumpArguments(const config& cfg) {
+    std::vector<std::string> args;
+    std::string input, all;
+    prepareDumpAgentArguments(cfg, args, input);
+    for (const std::string& arg : args) all += arg + " ";
+    return all + "| " + input;
+}
+
+// The selection file comes first; the command line adds to its lists and overrides its
+// parameters. Only the file format's own spellings count, a list not given has no argument nor
+// line, and a dump of everything ignores every selection.
+TEST(Options, DumpSelectionFromTheFileAndTheCommandLine) {
+    testing::ScratchDir dir;
+    config cfg;
+    cfg.action = ACTION_DUMP_SELECTED;
+    cfg.selectedObjectsFile = dir.path() + "/selected.xml";
+    const auto selection = [&](const std::string& parameters, const std::string& objects) {
+        testing::writeTextFile(cfg.selectedObjectsFile, "<selection><parameters " + parameters +
+                                                            "/>" + objects + "</selection>");
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(c.second, parse("--send-scout --port " + c.first).port) << c.first;
-        config cfg = parse("--send-scout --host=h --login=l --port=" + c.first);
-        cfg.password = "pw";
-        EXPECT_EQ(c.second == -1 ? kPrefix + kPortMessage : "", verify(cfg)) << c.first;
-    }
-    // The obsolete alias, and the last of several values.
-    EXPECT_EQ("second", parse("--ip=first --host=second").host);
+    selection("filter=\"only-phosting\" compression-level=\"do-not-compress\"",
+              "<reseller><name>r1</name><client><name>c1</name><domain><name>d1</name></domain>"
+              "</client></reseller><domain><name>d2</name></domain><domain><name></name></domain>");
+    cfg.domains = "x";
+    cfg.resellers = "r2,r3";
+    EXPECT_EQ(
+        "--dump-domains=- --dump-clients=- --dump-resellers=- --only-hosting --no-compress "
+        "--include-app-distrib | d1,d2,x\nc1\nr1,r2,r3",
+        dumpArguments(cfg));
+    cfg.filter = FILTER_ONLY_MAIL;
+    EXPECT_NE(std::string::npos,
+              dumpArguments(cfg).find("--dump-resellers=- --only-mail --no-compress"));
+    cfg.action = ACTION_DUMP_ALL;
+    EXPECT_EQ("--dump-all | ", dumpArguments(cfg));
+
+    selection("filter=\"only-hosting\" compression-level=\"none\"", "");
+    cfg.action = ACTION_DUMP_SELECTED;
+    cfg.filter = FILTER_EVERYTHING;
+    cfg.domains = "";
+    cfg.clients = "c";
+    cfg.resellers = "r";
+    EXPECT_EQ("--dump-clients=- --dump-resellers=- --include-app-distrib | c\nr",
+              dumpArguments(cfg));
 }
 
 }  // namespace

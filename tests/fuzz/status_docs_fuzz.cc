@@ -23,6 +23,7 @@ using std::to_string;
 // Seeds and the dictionary name this path; the process creates it before the first input.
 const char kSecretFile[] = "/tmp/ferrygate-fuzz-selection-secret";
 const char kSecret[] = "read-from-the-local-disk";
+const char kSelectionFile[] = "/tmp/ferrygate-fuzz-selection";
 
 // Getters run one by one: one that refuses must not hide what the others return.
 std::string fields(std::initializer_list<std::function<std::string()>> getters) {
@@ -65,12 +66,11 @@ std::string readDocument(uint8_t which, const std::string& text) {
             return out;
         }
         case 6: {
-            const tavik::fuzz::MemFile file(reinterpret_cast<const uint8_t*>(text.data()),
-                                            text.size());
+            std::ofstream(kSelectionFile, std::ios::binary | std::ios::trunc) << text;
             std::string d = "d0", c = "c0", r = "r0";
             tavik::opt_backup_filter filter = tavik::FILTER_EVERYTHING;
             tavik::opt_backup_compress compress = tavik::COMPRESS_NOT_SPECIFIED;
-            tavik::parseSelectedObjectsFile(file.path(), d, c, r, filter, compress);
+            tavik::parseSelectedObjectsFile(kSelectionFile, d, c, r, filter, compress);
             // The lists are only appended to, by whole names.
             for (const auto& list :
                  {std::make_pair(d, 'd'), std::make_pair(c, 'c'), std::make_pair(r, 'r')}) {
@@ -94,7 +94,10 @@ std::string readDocument(uint8_t which, const std::string& text) {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     std::ofstream(kSecretFile) << "<name>" << kSecret << "</name>" << kSecret;
     static struct Cleanup {
-        ~Cleanup() { unlink(kSecretFile); }
+        ~Cleanup() {
+            unlink(kSecretFile);
+            unlink(kSelectionFile);
+        }
     } cleanup;
     return 0;
 }

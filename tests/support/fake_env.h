@@ -26,54 +26,44 @@ struct FakeEnvFiles {
 class FakeEnv : private FakeEnvFiles, public Env {
   public:
     struct Reply {
+        // `during` runs before the reply, in the middle of the command (a lost connection, say).
+        Reply(int status, std::string out = "", std::function<void()> during = {})
+            : status(status), out(out), during(during) {}
         int status;
         std::string out;
-        std::string err;
-        // Runs before the reply, in the middle of the command (a stop request, a change).
         std::function<void()> during;
-    };
-    struct Call {
-        std::string command;
-        std::string input;
     };
 
     // A session, an agent "fake" (entry point run.pl, shared files beside it) and a scout.
     FakeEnv();
 
-    // The newest rule whose text occurs in a command line answers it; without one a command
-    // succeeds silently, and "cat", "tail -c +N" and "cat >" read and write `remoteFiles`.
+    // The newest rule whose text occurs in a command line answers it. Without one, "cat",
+    // "tail -c +N", "cat >", "xargs -0 cat" and "xargs -0 rm" read and write `remoteFiles`
+    // (sudo takes the first line of input), and any other command succeeds silently.
     void answer(const std::string& match, Reply reply) {
         rules_.insert(rules_.begin(), {match, reply});
     }
-    // Remote files by path.
+    config cfg;
+    // Remote files by path (uploads by the quoted path).
     std::map<std::string, std::string> remoteFiles;
-    std::vector<Call> calls;
+    std::vector<std::string> commands;
     // Remote files deleted, in order.
     std::vector<std::string> deleted;
     // Every migration status document as it was saved, rendered (xml_render).
     std::vector<std::string> statusSaves;
-    // What the transport does every few seconds of a long command.
-    void tick() {
-        if (alarm_ != nullptr) alarm_->doAlarm();
-    }
     uint64_t free = UINT64_MAX;
-
-    std::vector<std::string> commands() const;
-    std::string root() const { return dir.path(); }
-    config cfg;
 
     int exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
              bool quietOutput, bool quietInput, Ssh::Counter& counter) override;
-    void setAlarm(Alarm* alarm) override { alarm_ = alarm; }
-    std::string agentsDir() const override { return root() + "/agents"; }
-    std::string scoutFile() const override { return root() + "/scout.pl"; }
+    void setAlarm(Alarm*) override {}
+    std::string agentsDir() const override { return dir.path() + "/agents"; }
+    std::string scoutFile() const override { return dir.path() + "/scout.pl"; }
     FileOwner adminOwner() const override;
     uint64_t freeSpace(const std::string&) const override { return free; }
     MigrationStatusPtr createStatus() override;
 
   private:
     std::vector<std::pair<std::string, Reply>> rules_;
-    Alarm* alarm_ = nullptr;
 };
 
 }  // namespace testing
