@@ -1,36 +1,56 @@
-#include "commons/commons.h"
-
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <boost/filesystem.hpp>
-#include <set>
+#include <algorithm>
 #include <string>
 
-#include "support/sandbox_env.h"
+#include "commons/exceptions.h"
+#include "commons/secrets.h"
 
 namespace tavik {
 namespace {
 
-// Status files are replaced through these names thousands of times a run: a reused name, a
-// readable mode or a leaked descriptor would each show only in the field.
-TEST(TemporaryNames, AreNewPrivateAndNeverCollide) {
-    umask(0);
-    testing::ScratchDir scratch;
-    const auto descriptors = [] {
-        return std::distance(boost::filesystem::directory_iterator("/proc/self/fd"), {});
-    };
-    const auto before = descriptors();
-    std::set<std::string> names;
-    struct stat file = {};
-    for (int i = 0; i < 300; ++i) {
-        const std::string name = RKU_getTempFileName(scratch.path() + "/", "f.");
-        ASSERT_EQ(scratch.path() + "/f.", name.substr(0, name.size() - 6));
-        ASSERT_TRUE(names.insert(name).second) << name;
-        ASSERT_TRUE(lstat(name.c_str(), &file) == 0);
-        ASSERT_EQ(S_IFREG | 0600u, file.st_mode);
+// Every kind formatted once with as many arguments as its format has placeholders: a format
+// with a typo in its placeholders fails here instead of at a raise site in the field.
+template <void (*Tag)()>
+void expectFormats(int placeholders) {
+    Exc<Tag> e("ctx", "file", 1);
+    for (int i = 1; i <= placeholders; ++i) e % ("a" + std::to_string(i));
+    EXPECT_NO_THROW(e.message()) << e.code();
+    for (int i = 1; i <= placeholders; ++i)
+        EXPECT_NE(std::string::npos, e.message().find("a" + std::to_string(i))) << e.code();
+}
+
+int countPlaceholders(const std::string& format) {
+    int highest = 0;
+    for (size_t i = 0; i + 2 < format.size(); ++i)
+        if (format[i] == '%' && isdigit(static_cast<unsigned char>(format[i + 1])))
+            highest = std::max(highest, format[i + 1] - '0');
+    return highest;
+}
+
+TEST(ExceptionModel, EveryKindFormatsWithItsOwnArgumentCount) {
+#define TAVIK_CHECK_KIND(tag, code, format) expectFormats<&tag>(countPlaceholders(format));
+    TAVIK_EXCEPTION_KINDS(TAVIK_CHECK_KIND)
+#undef TAVIK_CHECK_KIND
+}
+
+// Short secrets are masked only where they are written (as lines of standard input, say); long
+// ones also wherever a log line holds them as a whole word.
+TEST(Secrets, TheNetMasksOnlyLongSecretsAsWholeWordsAndLinesAreMaskedWhole) {
+    clearSecrets();
+    for (const char* secret : {"", "p", "pw-long-1", "pw-long-1-longer", "*+*+*+*+"}) {
+        registerSecret(secret);
     }
-    EXPECT_EQ(before, descriptors());
+    const struct {
+        const char *text, *masked;
+    } net[] = {
+        {"a pw-long-1 b pw-long-1-longer c pw-long-1.", "a *** b *** c ***."},
+        {"xpw-long-1 pw-long-12 _pw-long-1", nullptr},
+        {"a*+*+*+*+b", "a***b"},
+    };
+    for (const auto& c : net) EXPECT_EQ(c.masked ? c.masked : c.text, maskSecrets(c.text));
+    clearSecrets();
+    EXPECT_EQ("***\nap\n\n***\nl", maskSecretLines("p\nap\n\npw-1\nl", {"", "p", "pw-1"}));
 }
 
 }  // namespace

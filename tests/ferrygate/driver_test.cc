@@ -29,17 +29,40 @@ size_t find(const std::string& text, const std::string& what, size_t from = 0) {
     return at;
 }
 
-// A refused command line still leaves the session directory (root, group hmxadm, 0750) and its
-// log, where the start record (every word quoted for the shell, a password masked), what the
-// configuration reader found and the refusal stand in order, and nothing on the console. A
-// one-letter password leaves every other word of the log intact.
-TEST(Driver, AVerificationFailureIsRecordedInTheSessionLog) {
+// Early refusals answer on standard error before any session exists. A command line refused by
+// verification still leaves the session directory (root, group hmxadm, 0750) and its log, where
+// the start record (every word quoted for the shell, a password masked), what the configuration
+// reader found and the refusal stand in order, and nothing on the console. A one-letter password
+// leaves every other word of the log intact.
+TEST(Driver, RefusalsAnswerOnStandardErrorOrInTheSessionLog) {
     ASSERT_TRUE(testing::addSystemAccount("hmxadm"));
     testing::ScratchDir product, cwd;
     testing::writeTextFile("/etc/hmx/hmx.conf",
                            "PRODUCT_ROOT_D " + product.path() + "\nPRODUCT_ROOT_D=/opt/hmx\n");
     testing::writeTextFile(product.path() + "/RKU/log4cpp.properties",
                            readFile(FERRYGATE_SOURCE_DIR "/data/log4cpp.properties"));
+    testing::writeTextFile(cwd.path() + "/file", "");
+    const struct {
+        std::vector<std::string> args;
+        std::string err;  // the start of standard error, or a part of it after "..."
+    } early[] = {
+        {{"--session-path", "S"}, "Action required. See --help\n"},
+        {{"--send-scout", "--host=h"}, "--session-path is required.\n"},
+        {{"--send-scout", "--no-such-option", "--session-path=S"}, "...no-such-option"},
+        {{"--send-scout", "--session-path=file"},
+         "Uncaught ExTraceableException: ...UnableToCreateSession: Unable to create session: "
+         "Unable to create session directory ["},
+    };
+    for (const auto& c : early) {
+        const ProcessResult r = run(c.args, cwd.path());
+        EXPECT_EQ(1, r.status) << c.err;
+        EXPECT_EQ("", r.out) << c.err;
+        const size_t dots = c.err.find("...");
+        EXPECT_EQ(0u, r.err.find(c.err.substr(0, dots))) << r.err;
+        if (dots != std::string::npos) find(r.err, c.err.substr(dots + 3));
+        EXPECT_FALSE(boost::filesystem::exists(cwd.path() + "/S")) << c.err;
+    }
+
     setenv("HMX_PASSWORD", "p", 1);
     const ProcessResult r =
         run({"--send-scout", "--session-path", "S", "--login=a b", "--agent-name=it's",
@@ -71,34 +94,6 @@ TEST(Driver, AVerificationFailureIsRecordedInTheSessionLog) {
     EXPECT_EQ(std::string::npos, log.find("***", log.find("***") + 1)) << log;
     EXPECT_EQ("", readFile(cwd.path() + "/S/migration.log.debug"))
         << "debug lines without --verbose";
-}
-
-TEST(Driver, EarlyFailuresAnswerOnStandardErrorBeforeAnySessionExists) {
-    ASSERT_TRUE(testing::addSystemAccount("hmxadm"));
-    testing::ScratchDir product, cwd;
-    testing::writeTextFile("/etc/hmx/hmx.conf", "PRODUCT_ROOT_D " + product.path() + "\n");
-    testing::writeTextFile(product.path() + "/RKU/log4cpp.properties", "");
-    const struct {
-        std::vector<std::string> args;
-        std::string err;  // the start of standard error, or a part of it after "..."
-    } cases[] = {
-        {{"--session-path", "S"}, "Action required. See --help\n"},
-        {{"--send-scout", "--host=h"}, "--session-path is required.\n"},
-        {{"--send-scout", "--no-such-option", "--session-path=S"}, "...no-such-option"},
-        {{"--send-scout", "--session-path=file"},
-         "Uncaught ExTraceableException: ...UnableToCreateSession: Unable to create session: "
-         "Unable to create session directory ["},
-    };
-    testing::writeTextFile(cwd.path() + "/file", "");
-    for (const auto& c : cases) {
-        const ProcessResult r = run(c.args, cwd.path());
-        EXPECT_EQ(1, r.status) << c.err;
-        EXPECT_EQ("", r.out) << c.err;
-        const size_t dots = c.err.find("...");
-        EXPECT_EQ(0u, r.err.find(c.err.substr(0, dots))) << r.err;
-        if (dots != std::string::npos) find(r.err, c.err.substr(dots + 3));
-        EXPECT_FALSE(boost::filesystem::exists(cwd.path() + "/S")) << c.err;
-    }
 }
 
 }  // namespace

@@ -7,10 +7,9 @@
 
 #include "support/sandbox_env.h"
 #include "utils/read_configuration.h"
+#include "utils/tavik_ugid.h"
 
 namespace {
-
-using tavik::testing::writeTextFile;
 
 void keep(void* reports, const char* report) {
     static_cast<std::vector<std::string>*>(reports)->push_back(report);
@@ -27,7 +26,7 @@ struct Store {
         return value != nullptr ? value : "<null>";
     }
     int read(const std::string& text, std::string path = "") {
-        if (path.empty()) writeTextFile(path = dir.path() + "/conf", text);
+        if (path.empty()) tavik::testing::writeTextFile(path = dir.path() + "/conf", text);
         return conf_read_file_to(path.c_str(), conf, keep, &reports);
     }
 };
@@ -50,9 +49,14 @@ TEST(ConfigurationReader, TrailingWhiteSpaceFollowsTheTogglingRule) {
     }
 }
 
-TEST(ConfigurationReader, RejectedLinesAreReportedWithTheirPlaceAndLaterDefinitionsWin) {
+// Rejected lines are reported with their place; later definitions win, and the store grows and
+// finds every name however many there are and in whatever order they came.
+TEST(ConfigurationReader, RejectedLinesLaterDefinitionsAndManyNames) {
     Store store;
-    EXPECT_EQ(0, store.read("# comment\n   \nEQ=1\nNOVALUE  \nHASH #x\n  _U_9 ok\nK 1\nK 2\n"));
+    std::string many;
+    for (int i = 50; i > 0; --i) many += "N" + std::to_string(i) + " " + std::to_string(i) + "\n";
+    EXPECT_EQ(0,
+              store.read("# comment\n   \nEQ=1\nNOVALUE  \nHASH #x\n  _U_9 ok\nK 1\nK 2\n" + many));
     EXPECT_EQ(-1, store.read("", "/nonexistent/hmx.conf"));
     const std::string path = store.dir.path() + "/conf";
     EXPECT_EQ(
@@ -63,9 +67,16 @@ TEST(ConfigurationReader, RejectedLinesAreReportedWithTheirPlaceAndLaterDefiniti
             "unable to open configuration file /nonexistent/hmx.conf: No such file or "
             "directory"}),
         store.reports);
-    EXPECT_EQ(2u, store.conf->nmemb);
+    EXPECT_EQ(52u, store.conf->nmemb);
     EXPECT_EQ("ok", store["_U_9"]);
     EXPECT_EQ("2", store["K"]);
+    for (int i = 1; i <= 50; ++i) EXPECT_EQ(std::to_string(i), store["N" + std::to_string(i)]);
+}
+
+// Without hmxadm every file the product hands over goes to root, never to an unknown owner.
+TEST(Accounts, AMissingAccountIsRoot) {
+    EXPECT_EQ(0u, get_user_id("no-such-account"));
+    EXPECT_EQ(0u, tavik_ugid("no-such-account", 1));
 }
 
 }  // namespace
