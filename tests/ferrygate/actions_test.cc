@@ -1,24 +1,28 @@
 // The seven actions against an in-memory source host: what each sends, in which order it reports
 // progress, and which failure each mistake of the source host becomes.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <functional>
 #include <log4cpp/Category.hh>
 #include <log4cpp/OstreamAppender.hh>
+#include <map>
 #include <memory>
 #include <sstream>
 
 #include "ferrygate/action.h"
 #include "ferrygate/dispatch.h"
+#include "ferrygate/env.h"
+#include "ferrygate/session.h"
 #include "ssh/shell_quote.h"
-#include "support/fake_env.h"
 #include "support/process.h"
+#include "support/sandbox_env.h"
 #include "support/xml_render.h"
 #include "xml/agent_file_list.h"
 
 namespace tavik {
 namespace {
 
-using testing::FakeEnv;
 typedef std::vector<std::vector<std::string>> Commands;
 
 // A name no shell may split, expand or run.
@@ -32,30 +36,143 @@ Commands commandsOf(const std::string& line) {
     const char* stubs = R"(stub() { printf '%s\037' "$@"; printf '\036'; }
 for c in sh cd sudo perl rm mkdir chown cat true xargs; do eval "$c() { stub $c \"\$@\"; }"; done
 eval "$1")";
-    const std::string out = test::runProcess({"/bin/sh", "-c", stubs, "sh", line}).out;
-    Commands commands(1);
-    std::string word;
-    for (char c : out) {
-        if (c == '\037') {
-            commands.back().push_back(word);
-            word.clear();
-        } else if (c == '\036') {
-            commands.emplace_back();
-        } else {
-            word += c;
-        }
-    }
-    commands.pop_back();
-    Commands opened;
-    for (const auto& words : commands) {
+    std::istringstream out(test::runProcess({"/bin/sh", "-c", stubs, "sh", line}).out);
+    Commands commands;
+    for (std::string command; std::getline(out, command, '\036');) {
+        std::vector<std::string> words;
+        std::istringstream in(command);
+        for (std::string word; std::getline(in, word, '\037');) words.push_back(word);
         if (words.size() == 3 && words[0] == "sh" && words[1] == "-c") {
-            for (const auto& inner : commandsOf(words[2])) opened.push_back(inner);
+            for (const auto& inner : commandsOf(words[2])) commands.push_back(inner);
         } else {
-            opened.push_back(words);
+            commands.push_back(words);
         }
     }
-    return opened;
+    return commands;
 }
+
+// Every migration status document as it is saved, rendered (xml_render).
+class RecordingStatus : public XmlMigrationStatus {
+  public:
+    RecordingStatus(const std::string& file, std::vector<std::string>& saves)
+        : XmlMigrationStatus(file, {getuid(), getgid()}), file_(file), saves_(saves) {}
+    ~RecordingStatus() noexcept(false) override {}
+    void saveFile() override {
+        XmlMigrationStatus::saveFile();
+        saves_.push_back(testing::renderFile(file_));
+    }
+
+  private:
+    std::string file_;
+    std::vector<std::string>& saves_;
+};
+
+struct FakeEnvFiles {
+    // A session, an agent "fake" (entry point run.pl, shared files beside it) and a scout.
+    FakeEnvFiles() : sessionFiles(dir.path() + "/session") {
+        testing::writeTextFile(dir.path() + "/agents/shared/Shared.pm", "1;\n");
+        testing::writeTextFile(dir.path() + "/agents/fake/control/spec", "EntryPoint: run.pl\n");
+        testing::writeTextFile(dir.path() + "/agents/fake/run.pl", "print 1;\n");
+        testing::writeTextFile(dir.path() + "/scout.pl", "print 'scout';\n");
+    }
+    testing::ScratchDir dir;
+    SessionFiles sessionFiles;
+};
+
+// The source host is a table of answers that records every command line; this host's files live
+// in a scratch directory.
+class FakeEnv : private FakeEnvFiles, public Env {
+  public:
+    struct Reply {
+        // `during` runs before the reply, in the middle of the command (a lost connection, say).
+        Reply(int status, std::string out = "", std::function<void()> during = {})
+            : status(status), out(out), during(during) {}
+        int status;
+        std::string out;
+        std::function<void()> during;
+    };
+    FakeEnv() : Env(sessionFiles) {}
+
+    // The newest rule whose text occurs in a command line answers it. Without one, "cat",
+    // "tail -c +N", "cat >", "xargs -0 cat" and "xargs -0 rm" read and write `remoteFiles`
+    // (sudo takes the first line of input), and any other command succeeds silently.
+    void answer(const std::string& match, Reply reply) {
+        rules_.insert(rules_.begin(), {match, reply});
+    }
+    config cfg;
+    std::map<std::string, std::string> remoteFiles;  // by path; uploads by the quoted path
+    std::vector<std::string> commands;
+    std::vector<std::string> deleted;  // remote files, in order
+    std::vector<std::string> statusSaves;
+    uint64_t free = UINT64_MAX;
+
+    int exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream&, bool,
+             bool, Ssh::Counter& counter) override {
+        commands.push_back(command);
+        std::ostringstream input;
+        if (in.rdbuf() != nullptr) input << in.rdbuf();
+        const auto reply = [&](int status, const std::string& text) {
+            counter(static_cast<int>(text.size()));
+            out << text;
+            return status;
+        };
+        for (const auto& rule : rules_) {
+            if (command.find(rule.first) == std::string::npos) continue;
+            if (rule.second.during) rule.second.during();
+            return reply(rule.second.status, rule.second.out);
+        }
+        if (command.compare(0, 6, "cat > ") == 0) {
+            remoteFiles[command.substr(6)] = input.str();
+            return 0;
+        }
+        std::string data = input.str();
+        if (command.find("sudo -S") != std::string::npos) data.erase(0, data.find('\n') + 1);
+        std::vector<std::string> names;  // what "xargs -0" reads
+        std::istringstream listed(data);
+        for (std::string name; std::getline(listed, name, '\0');) names.push_back(name);
+        if (command.find(sh_quote("xargs -0 rm -f --")) != std::string::npos) {
+            for (const std::string& name : names) {
+                remoteFiles.erase(name);
+                deleted.push_back(name);
+            }
+            return 0;
+        }
+        if (command == "xargs -0 cat --") {
+            int status = 0;
+            for (const std::string& name : names) {
+                const auto file = remoteFiles.find(name);
+                status = file == remoteFiles.end() ? 123 : reply(status, file->second);
+            }
+            return status;
+        }
+        size_t from = 0;
+        std::string quoted;
+        if (command.compare(0, 9, "tail -c +") == 0) {
+            from = std::stoul(command.substr(9)) - 1;
+            quoted = command.substr(command.find(' ', 9) + 1);
+        } else if (command.compare(0, 4, "cat ") == 0) {
+            quoted = command.substr(4);
+        } else {
+            return 0;
+        }
+        for (const auto& file : remoteFiles) {
+            if (sh_quote(file.first) != quoted) continue;
+            return reply(0, from < file.second.size() ? file.second.substr(from) : "");
+        }
+        return 1;
+    }
+    void setAlarm(Alarm*) override {}
+    std::string agentsDir() const override { return dir.path() + "/agents"; }
+    std::string scoutFile() const override { return dir.path() + "/scout.pl"; }
+    FileOwner adminOwner() const override { return FileOwner{getuid(), getgid()}; }
+    uint64_t freeSpace(const std::string&) const override { return free; }
+    MigrationStatusPtr createStatus() override {
+        return MigrationStatusPtr(new RecordingStatus(session().getStatusFileName(), statusSaves));
+    }
+
+  private:
+    std::vector<std::pair<std::string, Reply>> rules_;
+};
 
 struct ActionRun {
     FakeEnv env;
@@ -63,6 +180,11 @@ struct ActionRun {
 
     // A source host with a dump and one content file listed, which a test may change.
     explicit ActionRun(int action, bool sudo = false) {
+        env.cfg.host = "source.example";
+        env.cfg.login = "mover";
+        env.cfg.password = "login-secret";
+        env.cfg.agentName = "fake";
+        env.cfg.sessionPath = env.session().getDir();
         env.cfg.action = action;
         env.cfg.agentDir = kDir;
         env.cfg.sudo = sudo;

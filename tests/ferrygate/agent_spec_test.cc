@@ -23,11 +23,11 @@ TEST(AgentSpec, ValuesTokensAndNames) {
                            "Stylesheet: second.xsl\n");
     EXPECT_EQ((Agent::Values{"Sites: and mail", "run.pl  ", "dump.dtd\r", "second.xsl", ""}),
               Agent::parse(spec));
-    testing::writeTextFile(root.path() + "/out/control/spec", "EntryPoint: run.pl\n");
+    testing::writeTextFile(root.path() + "/control/spec", "EntryPoint: run.pl\n");
     AgentsFactory agents(root.path() + "/agents");
     EXPECT_EQ(root.path() + "/agents/a/control/second.xsl",
               agents.getAgent("a")->getStylesheetFile());
-    for (const std::string& name : {std::string("../out"), std::string(300, 'a')})
+    for (const std::string& name : {std::string(".."), std::string(300, 'a')})
         EXPECT_THROW(agents.getAgent(name), Exc<&AgentNotFound>) << name;
 
     for (const char* token : {"EntryPoint ", "entrypoint"}) {
