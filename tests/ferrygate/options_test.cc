@@ -100,21 +100,18 @@ std::string dumpArguments(const config& cfg) {
     return all + "| " + input;
 }
 
-// The selection file comes first; the command line adds to its lists and overrides its
-// parameters. Only the file format's own spellings count, a list not given has no argument nor
-// line, and a dump of everything ignores every selection.
+// The selection file comes first, in the file format's own spellings; the command line adds to
+// its lists and overrides its parameters; a dump of everything ignores every selection.
 TEST(Options, DumpSelectionFromTheFileAndTheCommandLine) {
     testing::ScratchDir dir;
     config cfg;
     cfg.action = ACTION_DUMP_SELECTED;
     cfg.selectedObjectsFile = dir.path() + "/selected.xml";
-    const auto selection = [&](const std::string& parameters, const std::string& objects) {
-        testing::writeTextFile(cfg.selectedObjectsFile, "<selection><parameters " + parameters +
-                                                            "/>" + objects + "</selection>");
-    };
-    selection("filter=\"only-phosting\" compression-level=\"do-not-compress\"",
-              "<reseller><name>r1</name><client><name>c1</name><domain><name>d1</name></domain>"
-              "</client></reseller><domain><name>d2</name></domain><domain><name></name></domain>");
+    testing::writeTextFile(
+        cfg.selectedObjectsFile,
+        "<selection><parameters filter=\"only-phosting\" compression-level=\"do-not-compress\"/>"
+        "<reseller><name>r1</name><client><name>c1</name><domain><name>d1</name></domain></client>"
+        "</reseller><domain><name>d2</name></domain><domain><name></name></domain></selection>");
     cfg.domains = "x";
     cfg.resellers = "r2,r3";
     EXPECT_EQ(
@@ -127,10 +124,9 @@ TEST(Options, DumpSelectionFromTheFileAndTheCommandLine) {
     cfg.action = ACTION_DUMP_ALL;
     EXPECT_EQ("--dump-all | ", dumpArguments(cfg));
 
-    selection("filter=\"only-hosting\" compression-level=\"none\"", "");
+    // A list not given has neither an argument nor a line.
+    cfg = config();
     cfg.action = ACTION_DUMP_SELECTED;
-    cfg.filter = FILTER_EVERYTHING;
-    cfg.domains = "";
     cfg.clients = "c";
     cfg.resellers = "r";
     EXPECT_EQ("--dump-clients=- --dump-resellers=- --include-app-distrib | c\nr",
