@@ -396,15 +396,6 @@ TEST(Actions, FailWithTheirOwnKindAndExitCode) {
         EXPECT_EQ(row.exitCode, run.exitCode) << row.action << " " << row.match;
         EXPECT_TRUE(run.deleted.empty()) << "a source was deleted";
     }
-    // Nothing is fetched when the space is short, nor asked without an agent to ask.
-    ActionRun content(ACTION_GET_CONTENT);
-    content.free = 3;
-    EXPECT_EQ("NotEnoughSpace", content());
-    EXPECT_TRUE(content.naming("/srv").empty());
-    ActionRun dump(ACTION_DUMP_ALL);
-    dump.cfg.agentName = "missing";
-    EXPECT_EQ("CantRetrieveDump", dump());
-    EXPECT_TRUE(dump.commands.empty());
 }
 
 // A source is deleted only once its copy matches the listed sum; a copy an earlier run left is

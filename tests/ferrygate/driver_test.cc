@@ -47,7 +47,6 @@ TEST(Driver, RefusalsAnswerOnStandardErrorOrInTheSessionLog) {
         std::string err;  // the start of standard error, or a part of it after "..."
     } early[] = {
         {{"--session-path", "S"}, "Action required. See --help\n"},
-        {{"--send-scout", "--host=h"}, "--session-path is required.\n"},
         {{"--send-scout", "--no-such-option", "--session-path=S"}, "...no-such-option"},
         {{"--send-scout", "--session-path=file"},
          "Uncaught ExTraceableException: ...UnableToCreateSession: Unable to create session: "

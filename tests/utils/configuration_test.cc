@@ -7,7 +7,6 @@
 
 #include "support/sandbox_env.h"
 #include "utils/read_configuration.h"
-#include "utils/tavik_ugid.h"
 
 namespace {
 
@@ -71,12 +70,6 @@ TEST(ConfigurationReader, RejectedLinesLaterDefinitionsAndManyNames) {
     EXPECT_EQ("ok", store["_U_9"]);
     EXPECT_EQ("2", store["K"]);
     for (int i = 1; i <= 50; ++i) EXPECT_EQ(std::to_string(i), store["N" + std::to_string(i)]);
-}
-
-// Without hmxadm every file the product hands over goes to root, never to an unknown owner.
-TEST(Accounts, AMissingAccountIsRoot) {
-    EXPECT_EQ(0u, get_user_id("no-such-account"));
-    EXPECT_EQ(0u, tavik_ugid("no-such-account", 1));
 }
 
 }  // namespace
