@@ -7,7 +7,8 @@
 # Rows, each the median of FERRYGATE_BENCH_RUNS (3) runs, every copy checked by MD5:
 #   1 GiB: ferrygate --get-content (sum verified while it streams), the transport alone
 #          (bench/ssh_get_bench: the same download without the sum, the status or the file
-#          list), scp, ssh cat;
+#          list), scp, ssh cat; and the transport with the content download's summing writer,
+#          printed below the table as what the MD5 pass costs;
 #   2,000 x 4 KiB on loopback and 200 x 4 KiB at 50 ms round trip: ferrygate, scp -r, rsync -a;
 #   100 MiB at 20, 50 and 100 ms round trip: ferrygate, scp, ssh cat;
 #   peak RSS of ferrygate for 100 MiB and 1 GiB.
@@ -47,6 +48,7 @@ relay() { # RTT: starts fg-relay in front of sshd; sets $p
 same_file() { cmp -s "$1" "$2" || { echo "content_table.sh: $2 differs" >&2; exit 1; }; rm -f "$2"; }
 same_tree() { diff -r "$1" "$2" >/dev/null || { echo "content_table.sh: $2 differs" >&2; exit 1; }; }
 
+summed_line=
 algorithms=$(as_login head -c 1048576 /dev/urandom >"$home/probe.bin";
     FERRYGATE_BENCH_PASSWORD=$password "$build/bench/ssh_get_bench" "$server_port" fgbench \
         probe.bin "$work/probe.bin" 1)
@@ -55,7 +57,7 @@ ssh_opts+=(-c "$(awk '$1 == "cipher" { print $2 }' <<<"$algorithms")"
 
 # One big file: TIMES of each client, medians in MB/s.
 big_file() { # MIB RTT LABEL
-    local mib=$1 bytes=$(($1 << 20)) label=$3 t f=() s=() c=() g=()
+    local mib=$1 bytes=$(($1 << 20)) label=$3 t f=() s=() c=() g=() m=()
     as_login head -c "$bytes" /dev/urandom >"$home/big.bin"
     cp "$home/big.bin" "$work/source.bin"
     relay "$2"
@@ -73,6 +75,9 @@ big_file() { # MIB RTT LABEL
             g+=("$(seconds env FERRYGATE_BENCH_PASSWORD="$password" "$build/bench/ssh_get_bench" \
                 "$p" fgbench big.bin "$work/get.bin" 1)")
             same_file "$work/source.bin" "$work/get.bin"
+            m+=("$(seconds env FERRYGATE_BENCH_PASSWORD="$password" "$build/bench/ssh_get_bench" \
+                "$p" fgbench big.bin "$work/get.bin" 1 md5)")
+            same_file "$work/source.bin" "$work/get.bin"
         fi
     done
     bench_stop_relay
@@ -81,6 +86,9 @@ big_file() { # MIB RTT LABEL
     [ ${#g[@]} -gt 0 ] && transport=$(mbps $bytes "$(median "${g[@]}")")
     row "$label" "$(mbps $bytes "$tf")" "$transport" "$(mbps $bytes "$ts")" "$(mbps $bytes "$tc")" \
         "$(ratio "$ts" "$tf")" "$(ratio "$tc" "$tf")"
+    if [ ${#m[@]} -gt 0 ]; then
+        summed_line="MD5 pass, $label: transport $transport, transport with the sum $(mbps $bytes "$(median "${m[@]}")"), the sum costs $(echo "scale=1; 100 - 100 * $(median "${g[@]}") / $(median "${m[@]}")" | bc -l) %"
+    fi
     rm -f "$home/big.bin" "$work/source.bin"
 }
 
@@ -119,6 +127,7 @@ big_file "$big_mib" 0 "${big_mib} MiB, loopback (MB/s)"
 small_files "$small" 0 "$small x 4 KiB, loopback (files/s)"
 small_files "$far" 50 "$far x 4 KiB, 50 ms (files/s)"
 for rtt in $rtts; do big_file 100 "$rtt" "100 MiB, $rtt ms (MB/s)"; done
+echo "$summed_line"
 echo "(f/scp, f/other: ferrygate's speed over scp's and over ssh cat's or rsync's; transport:"
 echo " the same download without checksum, status or list; log-in included everywhere)"
 

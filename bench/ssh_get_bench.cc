@@ -1,11 +1,13 @@
 // Downloads one remote file a number of times and reports each run's throughput, the negotiated
 // algorithms (so that OpenSSH can be run with the same) and the peak RSS.
 //
-//   FERRYGATE_BENCH_PASSWORD=... ssh_get_bench PORT USER REMOTE_FILE LOCAL_FILE RUNS [WINDOW]
+//   FERRYGATE_BENCH_PASSWORD=... ssh_get_bench PORT USER REMOTE_FILE LOCAL_FILE RUNS [md5|WINDOW]
 //
-// Without WINDOW the download is Ssh::get, as the product does it. With WINDOW the same "cat"
-// runs on a channel opened with that window (and packets of a quarter of it, at most 32 KiB),
-// read by the same non-blocking loop: what the window alone is worth across a distance.
+// Without a sixth argument the download is Ssh::get into a file. With "md5" it goes through the
+// content download's DigestingWriter, which sums what it stores on a second thread: the two side
+// by side are what verification costs. With WINDOW the same "cat" runs on a channel opened with
+// that window (and packets of a quarter of it, at most 32 KiB), read by the same non-blocking
+// loop: what the window alone is worth across a distance.
 //
 // Output, one "key value" per line: "cipher", "mac", then "run SECONDS MB_PER_S" per run, then
 // "maxrss_kib".
@@ -18,7 +20,10 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <stdexcept>
 
+#include "commons/checksum.h"
+#include "ferrygate/digesting_writer.h"
 #include "ssh/libssh2pp.h"
 #include "ssh/shell_quote.h"
 #include "ssh/ssh_transfer.h"
@@ -27,11 +32,12 @@ int main(int argc, char** argv) {
     const char* password = std::getenv("FERRYGATE_BENCH_PASSWORD");
     if ((argc != 6 && argc != 7) || password == nullptr) {
         std::cerr << "usage: FERRYGATE_BENCH_PASSWORD=... " << argv[0]
-                  << " PORT USER REMOTE_FILE LOCAL_FILE RUNS [WINDOW]\n";
+                  << " PORT USER REMOTE_FILE LOCAL_FILE RUNS [md5|WINDOW]\n";
         return 2;
     }
     const std::string remote = argv[3], local = argv[4];
-    const unsigned window = argc == 7 ? std::atoi(argv[6]) : 0;
+    const std::string mode = argc == 7 ? argv[6] : "";
+    const unsigned window = mode == "md5" ? 0 : std::atoi(mode.c_str());
     try {
         // The bench's server is new each time: its key goes to a file of its own, beside the
         // download, and nowhere else.
@@ -44,7 +50,12 @@ int main(int argc, char** argv) {
         for (int run = 0; run < std::atoi(argv[5]); ++run) {
             const auto start = std::chrono::steady_clock::now();
             if (window == 0) {
-                ssh.get(local, remote);
+                std::ofstream out(local, std::ios::binary | std::ios::trunc);
+                tavik::Md5 digest;
+                tavik::DigestingWriter writer(out, digest);
+                std::ostream summed(&writer);
+                ssh.get(mode == "md5" ? summed : out, remote);
+                if (!writer.finish() || !out.flush()) throw std::runtime_error("cannot write");
             } else {
                 const auto channel =
                     ssh.session().openChannel(window, std::min(32768u, window / 4));

@@ -1,5 +1,7 @@
+#include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <log4cpp/Category.hh>
 #include <sstream>
 
 #include "commons/exceptions.h"
@@ -8,6 +10,25 @@
 #include "ferrygate/session.h"
 
 namespace tavik {
+
+namespace {
+
+// The byte count that `wc -c` printed before the file's name, or -1 for anything else: the
+// text comes from the source host.
+int64_t parseCount(const std::string& text) {
+    size_t at = 0;
+    while (at < text.size() && std::isspace(static_cast<unsigned char>(text[at]))) ++at;
+    int64_t count = 0;
+    size_t digits = 0;
+    for (; at < text.size() && std::isdigit(static_cast<unsigned char>(text[at])); ++at) {
+        if (++digits > 18) return -1;
+        count = count * 10 + (text[at] - '0');
+    }
+    const bool ends = at == text.size() || std::isspace(static_cast<unsigned char>(text[at]));
+    return digits > 0 && ends ? count : -1;
+}
+
+}  // namespace
 
 void RetrieveDumpAction::execute() {
     status->setAgentParams(cfg().host);
@@ -40,8 +61,25 @@ void RetrieveDumpAction::execute() {
     const int catRc = env().get(*dump, remoteDump, Ssh::nullCounter, &catErr);
     dump->close();
     if (!*dump) TAVIK_RAISE(FileWrite, localDump, std::strerror(errno));
-    if (catRc != 0 || env().fileSize(localDump) <= 0) {
+    const int64_t received = env().fileSize(localDump);
+    if (catRc != 0 || received <= 0) {
         TAVIK_RAISE(CantRetrieveDumpFile, err.str() + "(the agent left no " + remoteDump + ")");
+    }
+    // A channel that closes early without an exit status reads as a success, and the dump has
+    // no sum to catch it: its length on the source host settles whether all of it arrived.
+    std::ostringstream count;
+    std::ostringstream countErr;
+    const int countRc =
+        env().exec(shellWords({"wc", "-c", "--", remoteDump}), count, countErr, true);
+    const int64_t expected = countRc == 0 ? parseCount(count.str()) : -1;
+    if (expected < 0) {
+        TAVIK_RAISE(CantRetrieveDumpFile,
+                    "cannot tell the length of " + remoteDump + ": " + countErr.str());
+    }
+    if (expected != received) {
+        logger.errorStream() << "Received " << received << " bytes of " << remoteDump
+                             << ", which holds " << expected;
+        TAVIK_RAISE(SshConnectionFault);
     }
     env().replaceFileText(cfg().sessionPath + "/dump-name", localDump);
 }

@@ -32,7 +32,7 @@ const std::string kSumOfData = "8d777f385d3dfec8815d20f7496026dc";
 // run is a stub that prints its words, and "sh -c" is opened up one level.
 Commands commandsOf(const std::string& line) {
     const char* stubs = R"(stub() { printf '%s\037' "$@"; printf '\036'; }
-for c in sh cd sudo perl rm mkdir chown cat true xargs; do eval "$c() { stub $c \"\$@\"; }"; done
+for c in sh cd sudo perl rm mkdir chown cat true xargs wc; do eval "$c() { stub $c \"\$@\"; }"; done
 eval "$1")";
     std::istringstream out(test::runProcess({"/bin/sh", "-c", stubs, "sh", line}).out);
     Commands commands;
@@ -209,6 +209,13 @@ class ActionRun : private RunFiles, public Env {
             quoted = command.substr(command.find(' ', 9) + 1);
         } else if (command.compare(0, 4, "cat ") == 0) {
             quoted = command.substr(4);
+        } else if (command.compare(0, 9, "wc -c -- ") == 0) {
+            for (const auto& file : remoteFiles) {
+                if (sh_quote(file.first) == command.substr(9)) {
+                    return reply(0, std::to_string(file.second.size()) + " " + file.first + "\n");
+                }
+            }
+            return 1;
         } else {
             return 0;
         }
@@ -284,7 +291,8 @@ TEST(Actions, SendExactlyTheseCommandsWithAndWithoutSudo) {
             {ACTION_DUMP_ALL, join({checks,
                                     root(sudo, {"perl", entry, "--dump-all"}),
                                     takeDump,
-                                    {{"cat", kDir + "/dump.xml"}}})},
+                                    {{"cat", kDir + "/dump.xml"}},
+                                    {{"wc", "-c", "--", kDir + "/dump.xml"}}})},
             {ACTION_GET_CONTENT, join({checks,
                                        root(sudo, {"perl", entry, "--get-content-list"}),
                                        {{"cat", kFile}},
@@ -376,6 +384,8 @@ TEST(Actions, FailWithTheirOwnKindAndExitCode) {
         {ACTION_DUMP_ALL, false, "--dump-all", {1}, "CantRetrieveDumpFile", 2},
         {ACTION_DUMP_ALL, false, "dump.xml", {1}, "CantRetrieveDumpFile", 2},
         {ACTION_DUMP_ALL, true, "chown", {1}, "CantTakeFileOwnership", 2},
+        // A download cut short without an exit status.
+        {ACTION_DUMP_ALL, false, "wc -c", {0, "  99 dump.xml\n"}, "SshConnectionFault", 18},
         {ACTION_GET_CONTENT, false, "--get-content-list", {1}, "CantRetrieveContentList", 2},
         {ACTION_GET_CONTENT,
          false,
