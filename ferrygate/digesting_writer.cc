@@ -1,6 +1,5 @@
 #include "ferrygate/digesting_writer.h"
 
-#include <algorithm>
 #include <cstring>
 
 namespace tavik {
@@ -11,37 +10,28 @@ const size_t kBlock = 256 << 10;
 }  // namespace
 
 DigestingWriter::DigestingWriter(std::ostream& file, Md5& digest)
-    : file_(file), digest_(digest), worker_([this] { work(); }) {
-    filling_.reserve(kBlock);
-    pending_.reserve(kBlock);
+    : file_(file), digest_(digest), filling_(kBlock), pending_(kBlock), worker_([this] {
+          work();
+      }) {
+    setp(filling_.data(), filling_.data() + filling_.size());
 }
 
 DigestingWriter::~DigestingWriter() { finish(); }
 
-std::streamsize DigestingWriter::xsputn(const char* data, std::streamsize size) {
-    std::streamsize left = size;
-    while (left > 0) {
-        const size_t take = std::min(static_cast<size_t>(left), kBlock - filling_.size());
-        filling_.insert(filling_.end(), data, data + take);
-        data += take;
-        left -= static_cast<std::streamsize>(take);
-        if (filling_.size() == kBlock) handOver();
-    }
-    return size;
-}
-
 int DigestingWriter::overflow(int c) {
+    if (pptr() == epptr()) handOver();
     if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
-    const char byte = traits_type::to_char_type(c);
-    xsputn(&byte, 1);
+    *pptr() = traits_type::to_char_type(c);
+    pbump(1);
     return c;
 }
 
 void DigestingWriter::handOver() {
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait(lock, [this] { return !hasPending_; });
+    pendingSize_ = static_cast<size_t>(pptr() - pbase());
     filling_.swap(pending_);
-    filling_.clear();
+    setp(filling_.data(), filling_.data() + filling_.size());
     hasPending_ = true;
     changed_.notify_all();
 }
@@ -53,9 +43,9 @@ void DigestingWriter::work() {
         if (!hasPending_) return;
         lock.unlock();
         // Only this thread touches the block, the digest and the file until it hands back.
-        digest_.update(pending_.data(), pending_.size());
+        digest_.update(pending_.data(), pendingSize_);
         const bool written = static_cast<bool>(
-            file_.write(pending_.data(), static_cast<std::streamsize>(pending_.size())));
+            file_.write(pending_.data(), static_cast<std::streamsize>(pendingSize_)));
         lock.lock();
         if (!written) failed_ = true;
         hasPending_ = false;
@@ -65,7 +55,7 @@ void DigestingWriter::work() {
 
 bool DigestingWriter::finish() {
     if (worker_.joinable()) {
-        if (!filling_.empty()) handOver();
+        if (pptr() != pbase()) handOver();
         {
             std::lock_guard<std::mutex> lock(mutex_);
             stopping_ = true;

@@ -10,14 +10,15 @@
 #include <vector>
 
 #include "commons/checksum.h"
+#include "ssh/io_channels.h"
 
 namespace tavik {
 
-// A stream buffer that collects what is written into large blocks and hands each to a second
-// thread, which adds it to `digest` and writes it to `file`: decryption, checksum and disk
-// proceed side by side, and memory stays at two blocks. `file` and `digest` are not owned and
+// A stream buffer that collects what is written (or read into it) into large blocks and hands each
+// to a second thread, which adds it to `digest` and writes it to `file`: decryption, checksum and
+// disk proceed side by side, and memory stays at two blocks. `file` and `digest` are not owned and
 // must not be touched until finish() has returned.
-class DigestingWriter : public std::streambuf {
+class DigestingWriter : public LendingBuffer {
   public:
     DigestingWriter(std::ostream& file, Md5& digest);
     ~DigestingWriter() override;
@@ -29,7 +30,6 @@ class DigestingWriter : public std::streambuf {
     bool finish();
 
   protected:
-    std::streamsize xsputn(const char* data, std::streamsize size) override;
     int overflow(int c) override;
 
   private:
@@ -40,6 +40,7 @@ class DigestingWriter : public std::streambuf {
     Md5& digest_;
     std::vector<char> filling_;
     std::vector<char> pending_;
+    size_t pendingSize_ = 0;
     std::mutex mutex_;
     std::condition_variable changed_;
     bool hasPending_ = false;

@@ -129,8 +129,18 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
     IOStreamWriteChannel toOut(out);
     IOStreamWriteChannel toErr(err);
     char buffer[65536];
+    LendingBuffer* lending = quietOutput ? dynamic_cast<LendingBuffer*>(out.rdbuf()) : nullptr;
     // Moves one chunk of what is already queued for `stream`; the count moved, 0 for none.
     auto forward = [&](int stream) -> ssize_t {
+        if (stream == kStdout && lending != nullptr) {
+            size_t room = 0;
+            char* into = lending->lend(room);
+            const ssize_t n = channel->readQueued(stream, into, std::min(room, sizeof buffer));
+            if (n <= 0) return 0;
+            lending->commit(static_cast<size_t>(n));
+            counter(static_cast<int>(n));
+            return n;
+        }
         const ssize_t n = channel->readQueued(stream, buffer, sizeof buffer);
         if (n <= 0) return 0;
         if (stream == kStdout) {
