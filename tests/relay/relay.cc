@@ -4,7 +4,7 @@
 // connection until it is killed. Rules, per direction (up: client to server, down: back):
 //   --delay-{up,down}-ms MS  every byte leaves MS later, in order; reading goes on meanwhile
 //   --rate-{up,down} B       at most B bytes per second
-//   --stall-{up,down}-at N   pause for --stall-ms (default 1000) once N bytes have gone; repeatable
+//   --stall-{up,down}-at N   pause for --stall-ms (default 1000) once N bytes have gone
 //   --cut-{up,down}-at N     close both sides once N bytes have gone, with RST under
 //                            --cut-with-reset
 //   --drop-first N           close the first N connections at once, before reaching the target
@@ -39,8 +39,8 @@ constexpr size_t kQueueLimit = 32 << 20;
 
 struct Rules {
     std::chrono::milliseconds delay{0};
-    uint64_t rate = 0;              // bytes per second; 0 is unlimited
-    std::vector<uint64_t> stallAt;  // ascending
+    uint64_t rate = 0;  // bytes per second; 0 is unlimited
+    uint64_t stallAt = kNever;
     uint64_t cutAt = kNever;
 };
 
@@ -74,8 +74,8 @@ class Connection {
             size_t offset;
         };
         std::deque<Chunk> queue;
-        size_t queued = 0, stalls = 0;
-        uint64_t sent = 0;
+        size_t queued = 0;
+        uint64_t sent = 0, stallAt = rules.stallAt;
         Clock::time_point paced = Clock::now();
         std::vector<char> buffer(256 * 1024);
         while (!cut_) {
@@ -100,14 +100,13 @@ class Connection {
             }
             Chunk& head = queue.front();
             if (head.data.empty()) return (void)shutdown(to, SHUT_WR);
-            const uint64_t stall = stalls < rules.stallAt.size() ? rules.stallAt[stalls] : kNever;
-            if (sent == stall) {
-                ++stalls;
+            if (sent == stallAt) {
+                stallAt = kNever;
                 idleUntil(now + options_.stallFor);
                 continue;
             }
             uint64_t n =
-                std::min({head.data.size() - head.offset, rules.cutAt - sent, stall - sent});
+                std::min({head.data.size() - head.offset, rules.cutAt - sent, stallAt - sent});
             if (rules.rate) {
                 n = std::min(n, std::max<uint64_t>(rules.rate / 50, 1));
                 paced = std::max(paced, now);
@@ -245,7 +244,7 @@ Options parse(int argc, char** argv) {
             r->delay = std::chrono::milliseconds(count(v));
         };
         takes["--rate-" + way] = [r](const char* v) { r->rate = count(v); };
-        takes["--stall-" + way + "-at"] = [r](const char* v) { r->stallAt.push_back(count(v)); };
+        takes["--stall-" + way + "-at"] = [r](const char* v) { r->stallAt = count(v); };
         takes["--cut-" + way + "-at"] = [r](const char* v) { r->cutAt = count(v); };
     }
     for (int i = 1; i < argc; ++i) {
@@ -259,7 +258,6 @@ Options parse(int argc, char** argv) {
         }
     }
     if (!haveTarget) throw std::invalid_argument("--target HOST:PORT is required");
-    for (Rules& r : o.rules) std::sort(r.stallAt.begin(), r.stallAt.end());
     return o;
 }
 

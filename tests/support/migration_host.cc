@@ -3,9 +3,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <fstream>
 #include <regex>
 #include <stdexcept>
+#include <thread>
 
 namespace tavik {
 namespace test {
@@ -19,8 +22,15 @@ void mustRun(const std::vector<std::string>& argv, const std::string& input = ""
 
 }  // namespace
 
+bool waitUntil(const std::function<bool()>& ready, int seconds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (!ready() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return ready();
+}
+
 void MigrationTest::SetUp() {
-    SshdTest::SetUp();
     // A cheap password hash: every run logs in, and the default hash costs half a second.
     mustRun({"/usr/sbin/chpasswd", "-c", "SHA512", "-s", "1000"}, user() + ":" + password() + "\n");
     const std::string root = scratch_.path();
@@ -60,7 +70,7 @@ void MigrationTest::SetUp() {
     chmod("/etc/sudoers.d/ferrygate-test", 0440);
 
     session_ = root + "/session";
-    remoteAgent_ = sshd().home() + "/ferry-agent";
+    remoteAgent_ = sshd_.home() + "/ferry-agent";
 }
 
 std::vector<MigrationTest::Archive> MigrationTest::dumpArchives() const {
@@ -90,37 +100,31 @@ void MigrationTest::addRandomFile(const std::string& path, size_t size) {
 }
 
 void MigrationTest::deployAndDump() {
-    ProcessResult r = ferrygate({"--deploy-agent"});
-    ASSERT_EQ(0, r.status) << r.err;
-    r = ferrygate({"--dump-all"});
-    ASSERT_EQ(0, r.status) << r.err;
+    for (const char* action : {"--deploy-agent", "--dump-all"}) {
+        const ProcessResult r = ferrygate({action});
+        ASSERT_EQ(0, r.status) << action << ": " << r.err;
+    }
+}
+
+std::vector<std::string> MigrationTest::command(const std::vector<std::string>& args,
+                                                bool sudo) const {
+    std::vector<std::string> argv = {FERRYGATE_BINARY, "--host=127.0.0.1",
+                                     "--port=" + std::to_string(port()), "--login=" + user(),
+                                     "--session-path=" + session_};
+    if (std::find(args.begin(), args.end(), "--send-scout") == args.end()) {
+        argv.push_back("--agent-dir=" + remoteAgent_);
+        argv.push_back("--agent-name=hostdump");
+    }
+    if (sudo) argv.push_back("--sudo-password");
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
 }
 
 ProcessResult MigrationTest::ferrygate(const std::vector<std::string>& args, bool sudo,
                                        const std::string& input) {
-    std::vector<std::string> all = {"--host=127.0.0.1", "--port=" + std::to_string(port()),
-                                    "--login=" + user(), "--session-path=" + session_};
-    bool scout = false;
-    for (const std::string& arg : args) scout = scout || arg == "--send-scout";
-    if (!scout) {
-        all.push_back("--agent-dir=" + remoteAgent_);
-        all.push_back("--agent-name=hostdump");
-    }
-    if (sudo) all.push_back("--sudo-password");
-    all.insert(all.end(), args.begin(), args.end());
-    std::vector<std::string> argv = {binary_};
-    argv.insert(argv.end(), all.begin(), all.end());
     std::vector<std::string> env = {"HMX_PASSWORD=" + password()};
     if (sudo) env.push_back("HMX_SUDO_PASSWORD=" + sudoPassword_);
-    return runProcess(argv, input, env);
-}
-
-ProcessResult MigrationTest::ferrygateRaw(const std::vector<std::string>& args,
-                                          const std::vector<std::string>& env,
-                                          const std::string& input) {
-    std::vector<std::string> argv = {binary_};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return runProcess(argv, input, env);
+    return runProcess(command(args, sudo), input, env);
 }
 
 }  // namespace test

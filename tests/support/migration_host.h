@@ -5,7 +5,10 @@
 #ifndef FERRYGATE_TESTS_SUPPORT_MIGRATION_HOST_H
 #define FERRYGATE_TESTS_SUPPORT_MIGRATION_HOST_H
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -16,21 +19,30 @@
 namespace tavik {
 namespace test {
 
-// Tests derive a fixture that passes FERRYGATE_BINARY.
-class MigrationTest : public SshdTest {
-  protected:
-    explicit MigrationTest(const std::string& binary) : binary_(binary) {}
+using testing::md5OfFile;
+using testing::readFile;
 
+inline bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+// Polls `ready` every few milliseconds until it holds or `seconds` have passed; whether it holds.
+bool waitUntil(const std::function<bool()>& ready, int seconds);
+
+class MigrationTest : public ::testing::Test {
+  protected:
     void SetUp() override;
 
-    // Runs ferrygate with the connection options, the session path, `args` and, for every
-    // action but the scout, the agent directory and name; HMX_PASSWORD always, and with `sudo`
-    // --sudo-password and HMX_SUDO_PASSWORD.
+    unsigned short port() const { return sshd_.port(); }
+    const std::string& user() const { return sshd_.user(); }
+    const std::string& password() const { return sshd_.password(); }
+    std::string sessionFile(const std::string& name) const { return session_ + "/" + name; }
+
+    // The binary with the connection options, the session path, `args` and, for every action
+    // but the scout, the agent directory and name; with `sudo` also --sudo-password.
+    std::vector<std::string> command(const std::vector<std::string>& args, bool sudo) const;
+    // Runs that with HMX_PASSWORD, and with `sudo` HMX_SUDO_PASSWORD, in its environment.
     ProcessResult ferrygate(const std::vector<std::string>& args, bool sudo = false,
                             const std::string& input = "");
-    // The binary with exactly `args` and the environment entries `env` ("NAME=value").
-    ProcessResult ferrygateRaw(const std::vector<std::string>& args,
-                               const std::vector<std::string>& env, const std::string& input = "");
     // Writes hostdump.conf beside the product's agent (deployed along with it).
     void configureAgent(const std::string& extraLines = "");
     // Adds a file of `size` random bytes to a site (`path` below the web root), so that its
@@ -38,8 +50,6 @@ class MigrationTest : public SshdTest {
     void addRandomFile(const std::string& path, size_t size);
     // Deploys the agent and dumps everything, both of which must succeed.
     void deployAndDump();
-
-    std::string sessionFile(const std::string& name) const { return session_ + "/" + name; }
 
     struct Archive {
         std::string name;
@@ -49,6 +59,7 @@ class MigrationTest : public SshdTest {
     // The content archives that the session's dump.xml lists.
     std::vector<Archive> dumpArchives() const;
 
+    SshdServer sshd_;
     std::string agentsDir_;     // the product's agents, below the product root of hmx.conf
     std::string hosting_;       // hosting_/web and hosting_/mail: the source host's objects
     std::string session_;       // the session directory
@@ -56,12 +67,8 @@ class MigrationTest : public SshdTest {
     std::string sudoPassword_;  // root's password, which sudo asks for
 
   private:
-    std::string binary_;
     testing::ScratchDir scratch_;
 };
-
-using testing::md5OfFile;
-using testing::readFile;
 
 }  // namespace test
 }  // namespace tavik

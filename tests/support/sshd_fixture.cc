@@ -1,5 +1,6 @@
 #include "support/sshd_fixture.h"
 
+#include <gtest/gtest.h>
 #include <signal.h>
 
 #include <boost/filesystem/path.hpp>
@@ -66,18 +67,15 @@ SshdServer::SshdServer(const SshdOptions& options)
     }
 }
 
-SshdServer::~SshdServer() { stop(); }
+SshdServer::~SshdServer() {
+    if (::testing::Test::HasFailure() && pid_ > 0) std::cerr << "sshd log:\n" << log();
+    stop();
+}
 
 void SshdServer::stop() {
     if (pid_ <= 0) return;
     runProcess({"/bin/bash", scriptsDir() + "/sshd-host.sh", "stop", std::to_string(pid_)});
     pid_ = -1;
-}
-
-ProcessResult SshdServer::runAsUser(const std::string& command) const {
-    // useradd makes the home directory's path from the user name: it needs no shell quoting.
-    return runProcess({"/usr/sbin/runuser", "-u", user_, "--", "/bin/sh", "-c",
-                       "cd " + home_ + " && " + command});
 }
 
 namespace {
@@ -109,13 +107,6 @@ void SshdServer::killSessions() const {
 }
 
 std::string SshdServer::log() const { return testing::readFile(dir_ + "/sshd.log"); }
-
-void SshdTest::SetUp() { server_.reset(new SshdServer(sshdOptions())); }
-
-void SshdTest::TearDown() {
-    if (HasFailure() && server_) std::cerr << "sshd log:\n" << server_->log();
-    server_.reset();
-}
 
 }  // namespace test
 }  // namespace tavik
