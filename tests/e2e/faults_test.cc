@@ -3,21 +3,16 @@
 // checks the exit code and message, that nothing already on disk is lost, and that a rerun
 // finishes.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
 
 #include <boost/filesystem.hpp>
 #include <chrono>
 #include <fstream>
 #include <functional>
-#include <regex>
 #include <thread>
 
-#include "commons/unique_fd.h"
 #include "support/migration_host.h"
 #include "support/relay_process.h"
-#include "support/xml_render.h"
 
 namespace tavik {
 namespace test {
@@ -27,14 +22,6 @@ namespace fs = boost::filesystem;
 using Clock = std::chrono::steady_clock;
 
 const char* const kLost = "Lost connection with the remote host";
-
-// A whole status document of a known shape: a torn or half-written file does not match.
-bool wellFormedStatus(const std::string& path) {
-    static const std::regex shape(
-        R"(migration-status\((idle|agent.*|transfer(\[[^\]]*\])?\(host[^,]*,)"
-        R"((dumpfile|files\[total=[^,\]]*,left=.*)\))\))");
-    return std::regex_match(testing::renderFile(path), shape);
-}
 
 using Faults = MigrationTest;
 
@@ -91,7 +78,6 @@ TEST_F(Faults, TheServerDisappearsOrTheLineFails) {
         EXPECT_EQ(row.code, r.status);
         EXPECT_EQ(row.code == 18 ? kLost : "Unable to start SSH session: Failed getting banner",
                   r.err);
-        EXPECT_TRUE(wellFormedStatus(sessionFile("migration.status")));
         EXPECT_TRUE(row.code != 18 ||
                     contains(readFile(sessionFile("migration.result")), "SshConnectionFault"));
         const auto took = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start);
@@ -109,30 +95,9 @@ TEST_F(Faults, TheServerDisappearsOrTheLineFails) {
     for (const auto& file : files) EXPECT_EQ(file.md5, md5OfFile(sessionFile(file.name)));
 }
 
-// A listener whose queue is full drops the connection request, as a host that is gone would.
-TEST_F(Faults, AConnectionNeverAnsweredTimesOutAtTheConnectTimeout) {
-    const UniqueFd full(socket(AF_INET, SOCK_STREAM, 0)), queued(socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    for (uint16_t port = 20000; port < 32768; ++port) {  // one that ferrygate accepts
-        address.sin_port = htons(port);
-        if (bind(full.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) break;
-    }
-    ASSERT_EQ(0, listen(full.get(), 0));
-    ASSERT_EQ(0, connect(queued.get(), reinterpret_cast<sockaddr*>(&address), sizeof address));
-    std::ofstream("/etc/hmx/hmx.conf", std::ios::app) << "SSH_CONNECT_TIMEOUT 3\n";
-    const auto start = Clock::now();
-    const ProcessResult r =
-        ferrygate({"--send-scout", "--port=" + std::to_string(ntohs(address.sin_port))});
-    EXPECT_EQ(12, r.status);
-    EXPECT_EQ("Timeout while attempting connection to host 127.0.0.1", r.err);
-    EXPECT_GE(Clock::now() - start, std::chrono::seconds(3));
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(6));
-}
-
-// Slow and stalling lines are no faults: a stall at the start of the handshake, twenty dumps at
-// 100 ms round trip, and every action at 700 ms, through sudo, all end normally.
+// Slow lines are no faults: twenty dumps at 100 ms round trip, and every action at 700 ms,
+// through sudo, all end normally. (That a server silent for less than the handshake limit of 30
+// seconds is waited for is the silent-banner row's.)
 TEST_F(Faults, EveryActionEndsNormallyOnSlowAndStallingLines) {
     ASSERT_EQ(0, ferrygate({"--deploy-agent"}).status);
     const std::vector<std::string> all = {"--send-scout", "--dump-all", "--get-content",
@@ -143,7 +108,6 @@ TEST_F(Faults, EveryActionEndsNormallyOnSlowAndStallingLines) {
         int times;
         int seconds;  // that each run takes at least: the rules held
     } lines[] = {
-        {"--stall-down-at 0 --stall-ms 6000", {"--dump-all"}, 1, 6},
         {"--delay-up-ms 50 --delay-down-ms 50", {"--dump-all"}, 20, 1},
         {"--delay-up-ms 350 --delay-down-ms 350", all, 1, 5},
     };
@@ -190,7 +154,6 @@ TEST_F(Faults, AFullDiskFailsTheDownloadAndKeepsWhatArrived) {
         if (file.name == "shop.test_site.tar.gz") continue;
         EXPECT_EQ(file.md5, md5OfFile(dumps + "/" + file.name)) << file.name;
     }
-    EXPECT_TRUE(wellFormedStatus(sessionFile("migration.status")));
     umount(dumps.c_str());
 }
 
@@ -223,8 +186,6 @@ TEST_F(Faults, ABrokenHostEndsWithACleanError) {
         EXPECT_EQ(row.code, r.status) << r.err;
         EXPECT_EQ(row.message, r.err);
         EXPECT_TRUE(contains(readFile(sessionFile("migration.result")), row.cause));
-        const std::string status = sessionFile("migration.status");
-        EXPECT_TRUE(!fs::exists(status) || wellFormedStatus(status));
         testing::writeTextFile("/etc/hmx/hmx.conf", conf);
         if (fs::exists(agentsDir_ + ".away")) fs::rename(agentsDir_ + ".away", agentsDir_);
         testing::writeTextFile(spec, goodSpec);

@@ -26,22 +26,28 @@ std::unique_ptr<Ssh> login(const test::SshdServer& sshd, uint16_t port) {
         new Ssh(sshd.host(), sshd.user(), sshd.password(), false, port, sshd.hostKeys()));
 }
 
-class Exec : public ::testing::Test {
-  protected:
-    int run(const std::string& command) {
+// A silent command ends at its EOF, without waiting out a poll, and is waited for without
+// spinning: once a keep-alive has been answered, the library's own readiness test says "ready"
+// for ever, and a wait built on it burns a core. The server answers the keep-alive requests
+// meanwhile, so silence beyond the limit is no lost connection. Output neither mixes nor stalls,
+// standard output silent (where a read of it must not block) while 8 MB go to standard error,
+// then both streams busy (20 MB each); only standard output counts as progress.
+TEST(Exec, StatusesWaitsAndStreamsOfARemoteCommand) {
+    testing::writeTextFile("/etc/hmx/hmx.conf", "SSH_SILENCE_TIMEOUT 2\n");
+    const test::SshdServer sshd;
+    const std::unique_ptr<Ssh> ssh = login(sshd, sshd.port());
+    struct Total : Ssh::Counter {
+        long long bytes = 0;
+        void operator()(int n) override { bytes += n; }
+    } counter;
+    std::ostringstream out, err;
+    auto run = [&](const std::string& command) {
         std::istringstream in;
         out.str("");
         err.str("");
-        return ssh->exec(command, in, out, err, false, false, Ssh::nullCounter);
-    }
-
-    test::SshdServer sshd;
-    std::unique_ptr<Ssh> ssh = login(sshd, sshd.port());
-    std::ostringstream out, err;
-};
-
-// A silent command must end at its EOF, without waiting out a poll.
-TEST_F(Exec, ReturnsTheExitStatusOrTheSignalThatEndedTheCommandAtOnce) {
+        counter.bytes = 0;
+        return ssh->exec(command, in, out, err, true, true, counter);
+    };
     EXPECT_EQ(3, run("exit 3"));
     EXPECT_EQ(127, run("no-such-command-here"));
     EXPECT_EQ(128 + 9, run("kill -KILL $$"));
@@ -51,14 +57,7 @@ TEST_F(Exec, ReturnsTheExitStatusOrTheSignalThatEndedTheCommandAtOnce) {
         EXPECT_EQ("", out.str() + err.str());
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
-}
 
-// Once a keep-alive has been answered, the library's own readiness test says "ready" for ever;
-// a wait built on it burns a core for as long as a command stays silent. The server answers the
-// keep-alive requests meanwhile, so silence beyond the limit is no lost connection.
-TEST_F(Exec, ASilentCommandIsWaitedForWithoutSpinningAndBeyondTheSilenceLimit) {
-    testing::writeTextFile("/etc/hmx/hmx.conf", "SSH_SILENCE_TIMEOUT 2\n");
-    ssh = login(sshd, sshd.port());
     auto cpuSeconds = [] {
         rusage usage = {};
         getrusage(RUSAGE_SELF, &usage);
@@ -69,21 +68,9 @@ TEST_F(Exec, ASilentCommandIsWaitedForWithoutSpinningAndBeyondTheSilenceLimit) {
     EXPECT_EQ(0, run("sleep 5; echo done"));
     EXPECT_EQ("done\n", out.str());
     EXPECT_LT(cpuSeconds() - before, 0.5);
-}
 
-// Output neither mixes nor stalls, standard output silent (where a read of it must not block)
-// while 8 MB go to standard error, then both streams busy (20 MB each); only standard output
-// counts as progress.
-TEST_F(Exec, StandardOutputAndErrorStayApartAndNeverStall) {
-    struct Total : Ssh::Counter {
-        long long bytes = 0;
-        void operator()(int n) override { bytes += n; }
-    } counter;
-    std::istringstream none;
-    const std::string command =
-        "head -c 8000000 /dev/zero >&2; yes out-line | head -c 20000000 & "
-        "yes err-line | head -c 20000000 >&2; wait";
-    ASSERT_EQ(0, ssh->exec(command, none, out, err, true, true, counter));
+    ASSERT_EQ(0, run("head -c 8000000 /dev/zero >&2; yes out-line | head -c 20000000 & "
+                     "yes err-line | head -c 20000000 >&2; wait"));
     auto lines = [](const std::string& line) {
         std::string text;
         while (text.size() < 20000000) text += line;
@@ -98,7 +85,9 @@ TEST_F(Exec, StandardOutputAndErrorStayApartAndNeverStall) {
 // Around the 64 KiB read size, and past the 2 MiB channel window (a gigabyte is bench/'s); a
 // download is mode 0640 whatever the umask, and a missing remote file downloads as empty
 // (callers check sizes and sums).
-TEST_F(Exec, RoundTripIsByteIdenticalInEverySizeAndDownloadsAreMode0640) {
+TEST(Transfer, RoundTripIsByteIdenticalInEverySizeAndDownloadsAreMode0640) {
+    const test::SshdServer sshd;
+    const std::unique_ptr<Ssh> ssh = login(sshd, sshd.port());
     const testing::ScratchDir local;
     const std::string sent = local.path() + "/sent", back = local.path() + "/back";
     std::mt19937 random(7);
