@@ -1,23 +1,18 @@
 // The fault matrix: the real ferrygate against a loopback sshd that crashes or never answers, a
-// disk that fills and a broken host configuration. Each row checks the exit code and message,
-// that nothing already on disk is lost, and that a rerun finishes.
+// line that goes silent or is cut, a disk that fills and a broken host configuration. Each row
+// checks the exit code and message, that nothing already on disk is lost, and that a rerun
+// finishes.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
 
 #include <boost/filesystem.hpp>
 #include <chrono>
 #include <fstream>
 #include <functional>
-#include <regex>
-#include <set>
 #include <thread>
 
-#include "commons/unique_fd.h"
 #include "support/migration_host.h"
 #include "support/relay_process.h"
-#include "support/xml_render.h"
 
 namespace tavik {
 namespace test {
@@ -26,45 +21,17 @@ namespace {
 namespace fs = boost::filesystem;
 using Clock = std::chrono::steady_clock;
 
-// A download through this lasts seconds.
-const std::vector<std::string> kSlowLine = {"--rate-down", "4000000"};
-const std::string kLost = "Lost connection with the remote host";
+const char* const kLost = "Lost connection with the remote host";
 
-bool waitFor(const std::function<bool()>& done, int milliseconds) {
-    const auto deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
-    while (!done() && Clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return done();
-}
+using Faults = MigrationTest;
 
-bool hasBytes(const std::string& path) {
-    boost::system::error_code ec;
-    return fs::file_size(path, ec) > 0 && !ec;
-}
-
-bool fileHas(const std::string& path, const std::string& part) {
-    return readFile(path).find(part) != std::string::npos;
-}
-
-// A whole status document of a known shape: a torn or half-written file does not match.
-bool wellFormedStatus(const std::string& path) {
-    static const std::regex shape(
-        R"(migration-status\((idle|agent.*|transfer(\[[^\]]*\])?\(host[^,]*,)"
-        R"((dumpfile|files\[total=[^,\]]*,left=.*)\))\))");
-    return std::regex_match(testing::renderFile(path), shape);
-}
-
-class Faults : public MigrationTest {
-  protected:
-    Faults() : MigrationTest(FERRYGATE_BINARY) {}
-};
-
-// The server side of our connection dies while a content file downloads, while the agent dumps,
-// before the session starts (a relay that hangs up, or never says a word: the connect time-out,
-// 30 seconds by default, ends that), while the password is checked (the default, slow hash
-// leaves time for that) and before the first channel opens (a relay keeps every request 300 ms
-// on its way).
-TEST_F(Faults, TheServerDisappears) {
+// The server side of our connection dies, or the line goes silent or is cut with a reset, while
+// a content file downloads (each row resuming the copy the one before left); the server side
+// dies while the agent dumps, before the session starts (a relay that hangs up, or never says a
+// word: the connect time-out, 30 seconds by default, ends that), while the password is checked
+// (the default, slow hash leaves time for that) and before the first channel opens (a relay
+// keeps every request 300 ms on its way).
+TEST_F(Faults, TheServerDisappearsOrTheLineFails) {
     addRandomFile("shop.test/big.bin", 8 << 20);
     configureAgent("delay = 2\n");
     deployAndDump();
@@ -77,23 +44,25 @@ TEST_F(Faults, TheServerDisappears) {
     const std::string remoteStatus = remoteAgent_ + "/dumping-status.xml";
     fs::remove(remoteStatus);
     auto logShows = [&](const char* line) -> std::function<bool()> {
-        return [=] { return fileHas(log, line); };
+        return [=] { return contains(readFile(log), line); };
     };
-    const std::string noBanner = "Unable to start SSH session: Failed getting banner";
+    auto bigStarted = [&] { return fs::exists(big) && fs::file_size(big) > 0; };
+    auto dumping = [&] { return fs::exists(remoteStatus); };
     const struct {
-        std::string action;
-        std::vector<std::string> relay;
+        std::string action, relay;       // the relay's rules
         std::function<bool()> killWhen;  // empty: no kill
-        int code;
-        std::string message;
-        int silence;  // seconds the run waits for a word from the server
+        int code;                        // 18 is a lost connection, 2 a missing banner
+        int minSeconds, maxSeconds;      // that the run lasts; 0: any
+        bool rerun;
     } rows[] = {
-        {"--get-content", kSlowLine, [&] { return hasBytes(big); }, 18, kLost, 0},
-        {"--dump-all", {}, [&] { return fs::exists(remoteStatus); }, 18, kLost, 0},
-        {"--send-scout", {"--cut-down-at", "0"}, {}, 2, noBanner, 0},
-        {"--send-scout", {"--stall-down-at", "0", "--stall-ms", "600000"}, {}, 18, kLost, 30},
-        {"--send-scout", {}, logShows("Trying 'password'"), 18, kLost, 0},
-        {"--send-scout", {"--delay-up-ms", "300"}, logShows("Opening SSH channel"), 18, kLost, 0},
+        {"--get-content", "--rate-down 4000000", bigStarted, 18, 0, 0, false},
+        {"--get-content", "--stall-down-at 1500000 --stall-ms 60000", {}, 18, 0, 15, false},
+        {"--get-content", "--cut-down-at 1500000 --cut-with-reset", {}, 18, 0, 15, true},
+        {"--dump-all", "", dumping, 18, 0, 0, true},
+        {"--send-scout", "--cut-down-at 0", {}, 2, 0, 0, false},
+        {"--send-scout", "--stall-down-at 0 --stall-ms 600000", {}, 18, 30, 35, false},
+        {"--send-scout", "", logShows("Trying 'password'"), 18, 0, 0, false},
+        {"--send-scout", "--delay-up-ms 300", logShows("Opening SSH channel"), 18, 0, 0, false},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE("row " + std::to_string(&row - rows));
@@ -104,104 +73,49 @@ TEST_F(Faults, TheServerDisappears) {
         std::thread run([&] {
             r = ferrygate({row.action, "--port=" + std::to_string(relay.port())});
         });
-        if (row.killWhen && waitFor(row.killWhen, 30000)) sshd().killSessions();
+        if (row.killWhen && waitUntil(row.killWhen, 30)) sshd_.killSessions();
         run.join();
         EXPECT_EQ(row.code, r.status);
-        EXPECT_EQ(row.message, r.err);
-        EXPECT_TRUE(wellFormedStatus(sessionFile("migration.status")));
+        EXPECT_EQ(row.code == 18 ? kLost : "Unable to start SSH session: Failed getting banner",
+                  r.err);
         EXPECT_TRUE(row.code != 18 ||
-                    fileHas(sessionFile("migration.result"), "SshConnectionFault"));
-        if (row.silence) {
-            EXPECT_GE(Clock::now() - start, std::chrono::seconds(row.silence));
-            EXPECT_LT(Clock::now() - start, std::chrono::seconds(row.silence + 5));
-        }
-        if (row.action == "--send-scout") continue;
+                    contains(readFile(sessionFile("migration.result")), "SshConnectionFault"));
+        const auto took = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start);
+        EXPECT_TRUE(took.count() >= row.minSeconds &&
+                    (!row.maxSeconds || took.count() < row.maxSeconds))
+            << took.count() << " s";
         for (const auto& file : files) {
             if (row.action != "--get-content" || sessionFile(file.name) == big) continue;
             EXPECT_EQ(file.md5, md5OfFile(sessionFile(file.name))) << "lost by the failed run";
         }
-        r = ferrygate({row.action});
-        EXPECT_EQ(0, r.status) << "rerun: " << r.err;
+        if (row.rerun) {
+            EXPECT_EQ(0, ferrygate({row.action}).status) << "rerun";
+        }
     }
     for (const auto& file : files) EXPECT_EQ(file.md5, md5OfFile(sessionFile(file.name)));
 }
 
-// A listener whose queue is full drops the connection request, as a host that is gone would.
-TEST_F(Faults, AConnectionNeverAnsweredTimesOutAtTheConnectTimeout) {
-    const UniqueFd full(socket(AF_INET, SOCK_STREAM, 0)), queued(socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    for (uint16_t port = 20000; port < 32768; ++port) {  // one that ferrygate accepts
-        address.sin_port = htons(port);
-        if (bind(full.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) break;
-    }
-    ASSERT_EQ(0, listen(full.get(), 0));
-    ASSERT_EQ(0, connect(queued.get(), reinterpret_cast<sockaddr*>(&address), sizeof address));
-    std::ofstream("/etc/hmx/hmx.conf", std::ios::app) << "SSH_CONNECT_TIMEOUT 3\n";
-    const auto start = Clock::now();
-    const ProcessResult r =
-        ferrygate({"--send-scout", "--port=" + std::to_string(ntohs(address.sin_port))});
-    EXPECT_EQ(12, r.status);
-    EXPECT_EQ("Timeout while attempting connection to host 127.0.0.1", r.err);
-    EXPECT_GE(Clock::now() - start, std::chrono::seconds(3));
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(6));
-}
-
-// A line that goes silent, or is cut with a reset, mid-transfer is a lost connection, found
-// within seconds; a rerun then completes.
-TEST_F(Faults, ALineThatGoesSilentOrIsCutFailsAndARerunCompletes) {
-    addRandomFile("shop.test/big.bin", 3 << 20);
-    deployAndDump();
-    const auto files = dumpArchives();
-    std::ofstream("/etc/hmx/hmx.conf", std::ios::app) << "SSH_SILENCE_TIMEOUT 2\n";
-    const struct {
-        std::vector<std::string> rules;
-        std::set<int> codes;
-        std::string message;
-    } rows[] = {
-        {{"--stall-down-at", "1500000", "--stall-ms", "60000"}, {18}, kLost},
-        {{"--cut-down-at", "1500000", "--cut-with-reset"}, {18, 15}, "Lost connection"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.rules[0]);
-        RelayProcess relay(port(), row.rules);
-        const auto start = Clock::now();
-        const ProcessResult r =
-            ferrygate({"--get-content", "--port=" + std::to_string(relay.port())});
-        EXPECT_EQ(1u, row.codes.count(r.status)) << r.status << ": " << r.err;
-        EXPECT_NE(std::string::npos, r.err.find(row.message)) << r.err;
-        // Two seconds of silence, found at the end of a wait of at most five.
-        EXPECT_LT(Clock::now() - start, std::chrono::seconds(15));
-    }
-    const ProcessResult r = ferrygate({"--get-content"});
-    ASSERT_EQ(0, r.status) << r.err;
-    ASSERT_EQ(4u, files.size());
-    for (const auto& file : files) EXPECT_EQ(file.md5, md5OfFile(sessionFile(file.name)));
-}
-
-// Slow and stalling lines are no faults: a stall at the start of the handshake, twenty dumps at
-// 100 ms round trip, and every action at 700 ms, through sudo, all end normally.
+// Slow lines are no faults: twenty dumps at 100 ms round trip, and every action at 700 ms,
+// through sudo, all end normally. (That a server silent for less than the handshake limit of 30
+// seconds is waited for is the silent-banner row's.)
 TEST_F(Faults, EveryActionEndsNormallyOnSlowAndStallingLines) {
     ASSERT_EQ(0, ferrygate({"--deploy-agent"}).status);
+    const std::vector<std::string> all = {"--send-scout", "--dump-all", "--get-content",
+                                          "--remove-agent"};
     const struct {
-        std::vector<std::string> rules;
+        std::string rules;
         std::vector<std::string> actions;
         int times;
         int seconds;  // that each run takes at least: the rules held
     } lines[] = {
-        {{"--stall-down-at", "0", "--stall-ms", "6000"}, {"--dump-all"}, 1, 6},
-        {{"--delay-up-ms", "50", "--delay-down-ms", "50"}, {"--dump-all"}, 20, 1},
-        {{"--delay-up-ms", "350", "--delay-down-ms", "350"},
-         {"--send-scout", "--dump-all", "--get-content", "--remove-agent"},
-         1,
-         5},
+        {"--delay-up-ms 50 --delay-down-ms 50", {"--dump-all"}, 20, 1},
+        {"--delay-up-ms 350 --delay-down-ms 350", all, 1, 5},
     };
     for (const auto& line : lines) {
         RelayProcess relay(port(), line.rules);
         for (int run = 0; run < line.times; ++run) {
             for (const std::string& action : line.actions) {
-                SCOPED_TRACE(line.rules[1] + " " + action + ", run " + std::to_string(run));
+                SCOPED_TRACE(line.rules + ": " + action + ", run " + std::to_string(run));
                 const auto start = Clock::now();
                 const ProcessResult r =
                     ferrygate({action, "--port=" + std::to_string(relay.port())}, true);
@@ -234,13 +148,12 @@ TEST_F(Faults, AFullDiskFailsTheDownloadAndKeepsWhatArrived) {
         ferrygate({"--get-content", "--no-check-space", "--dumps-dir=" + dumps});
     EXPECT_EQ(2, r.status);
     EXPECT_EQ(0u, r.err.find("Error during " + dumps + "/shop.test_site.tar.gz write: ")) << r.err;
-    EXPECT_TRUE(fileHas(sessionFile("migration.result"), "FileWrite"));
+    EXPECT_TRUE(contains(readFile(sessionFile("migration.result")), "FileWrite"));
     EXPECT_TRUE(fs::exists(remoteAgent_ + "/content/shop.test_site.tar.gz"));
     for (const auto& file : files) {
         if (file.name == "shop.test_site.tar.gz") continue;
         EXPECT_EQ(file.md5, md5OfFile(dumps + "/" + file.name)) << file.name;
     }
-    EXPECT_TRUE(wellFormedStatus(sessionFile("migration.status")));
     umount(dumps.c_str());
 }
 
@@ -272,9 +185,7 @@ TEST_F(Faults, ABrokenHostEndsWithACleanError) {
         const ProcessResult r = ferrygate({row.action});
         EXPECT_EQ(row.code, r.status) << r.err;
         EXPECT_EQ(row.message, r.err);
-        EXPECT_TRUE(fileHas(sessionFile("migration.result"), row.cause));
-        const std::string status = sessionFile("migration.status");
-        EXPECT_TRUE(!fs::exists(status) || wellFormedStatus(status));
+        EXPECT_TRUE(contains(readFile(sessionFile("migration.result")), row.cause));
         testing::writeTextFile("/etc/hmx/hmx.conf", conf);
         if (fs::exists(agentsDir_ + ".away")) fs::rename(agentsDir_ + ".away", agentsDir_);
         testing::writeTextFile(spec, goodSpec);
@@ -282,19 +193,16 @@ TEST_F(Faults, ABrokenHostEndsWithACleanError) {
 
     // Not even root may write the session directory: the failure to save the result ends the
     // run through the last-resort handler.
-    const std::string readOnly = session_ + "/ro";
-    fs::create_directories(readOnly);
-    ASSERT_EQ(0, mount("fgro", readOnly.c_str(), "tmpfs", MS_RDONLY, "size=64k"));
-    const ProcessResult r =
-        ferrygateRaw({"--host=127.0.0.1", "--port=" + std::to_string(port()), "--login=" + user(),
-                      "--session-path=" + readOnly, "--send-scout"},
-                     {"HMX_PASSWORD=" + password()});
+    session_ += "/ro";
+    fs::create_directories(session_);
+    ASSERT_EQ(0, mount("fgro", session_.c_str(), "tmpfs", MS_RDONLY, "size=64k"));
+    const ProcessResult r = ferrygate({"--send-scout"});
     EXPECT_EQ(1, r.status);
-    EXPECT_EQ(0u, r.err.find("Can not create temporary file with the template '" + readOnly +
+    EXPECT_EQ(0u, r.err.find("Can not create temporary file with the template '" + session_ +
                              "/migration.statusXXXXXX': Read-only file system."))
         << r.err;
-    EXPECT_TRUE(fs::is_empty(readOnly));
-    umount(readOnly.c_str());
+    EXPECT_TRUE(fs::is_empty(session_));
+    umount(session_.c_str());
 }
 
 }  // namespace

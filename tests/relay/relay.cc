@@ -4,7 +4,7 @@
 // connection until it is killed. Rules, per direction (up: client to server, down: back):
 //   --delay-{up,down}-ms MS  every byte leaves MS later, in order; reading goes on meanwhile
 //   --rate-{up,down} B       at most B bytes per second
-//   --stall-{up,down}-at N   pause for --stall-ms (default 1000) once N bytes have gone; repeatable
+//   --stall-{up,down}-at N   pause for --stall-ms (default 1000) once N bytes have gone
 //   --cut-{up,down}-at N     close both sides once N bytes have gone, with RST under
 //                            --cut-with-reset
 //   --drop-first N           close the first N connections at once, before reaching the target
@@ -22,7 +22,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
-#include <functional>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -36,26 +35,26 @@ using Clock = std::chrono::steady_clock;
 constexpr uint64_t kNever = UINT64_MAX;
 // Memory stays bounded: a direction with this much waiting stops reading.
 constexpr size_t kQueueLimit = 32 << 20;
+// No wait lasts longer, so that a cut is never missed for more than a moment.
+constexpr std::chrono::milliseconds kTick{100};
 
 struct Rules {
-    std::chrono::milliseconds delay{0};
-    uint64_t rate = 0;              // bytes per second; 0 is unlimited
-    std::vector<uint64_t> stallAt;  // ascending
-    uint64_t cutAt = kNever;
+    std::chrono::milliseconds delay;
+    uint64_t rate, stallAt, cutAt;  // rate in bytes per second, 0 unlimited
 };
 
 struct Options {
-    sockaddr_in listen{}, target{};
+    sockaddr_in listen, target;
     unsigned listenHigh = 0;
     Rules rules[2];  // up, down
-    std::chrono::milliseconds stallFor{1000};
-    bool reset = false;
-    uint64_t dropFirst = 0;
+    std::chrono::milliseconds stallFor;
+    bool reset;
+    uint64_t dropFirst;
 };
 
 // One relayed connection. Each direction has a thread that reads what arrives, stamps it with
-// the time it is due and sends what is due, within the rate, the stalls and the cut; the sockets
-// close when both are done. No wait lasts long enough to miss a cut for more than a moment.
+// the time it is due and sends what is due, within the rate, the stall and the cut; the sockets
+// close when both are done.
 class Connection {
   public:
     Connection(int client, int server, const Options& options)
@@ -74,8 +73,8 @@ class Connection {
             size_t offset;
         };
         std::deque<Chunk> queue;
-        size_t queued = 0, stalls = 0;
-        uint64_t sent = 0;
+        size_t queued = 0;
+        uint64_t sent = 0, stallAt = rules.stallAt;
         Clock::time_point paced = Clock::now();
         std::vector<char> buffer(256 * 1024);
         while (!cut_) {
@@ -100,14 +99,13 @@ class Connection {
             }
             Chunk& head = queue.front();
             if (head.data.empty()) return (void)shutdown(to, SHUT_WR);
-            const uint64_t stall = stalls < rules.stallAt.size() ? rules.stallAt[stalls] : kNever;
-            if (sent == stall) {
-                ++stalls;
+            if (sent == stallAt) {
+                stallAt = kNever;
                 idleUntil(now + options_.stallFor);
                 continue;
             }
             uint64_t n =
-                std::min({head.data.size() - head.offset, rules.cutAt - sent, stall - sent});
+                std::min({head.data.size() - head.offset, rules.cutAt - sent, stallAt - sent});
             if (rules.rate) {
                 n = std::min(n, std::max<uint64_t>(rules.rate / 50, 1));
                 paced = std::max(paced, now);
@@ -125,8 +123,6 @@ class Connection {
     }
 
   private:
-    static constexpr std::chrono::milliseconds kTick{100};
-
     // Waits until `when`; false when the connection was cut meanwhile.
     bool idleUntil(Clock::time_point when) {
         while (!cut_ && Clock::now() < when)
@@ -149,22 +145,8 @@ class Connection {
     std::atomic<bool> cut_{false};
 };
 
-void prepare(int fd) {
-    // Small messages leave when they are due; Nagle would add its own delay.
-    const int one = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    const timeval tick{0, 100000};
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tick, sizeof tick);
-}
-
-[[noreturn]] void fail(const char* what) {
-    std::perror(what);
-    std::exit(1);
-}
-
 void run(const Options& options) {
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int one = 1;
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), one = 1;
     setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     sockaddr_in address = options.listen;
     const unsigned low = ntohs(address.sin_port);
@@ -174,92 +156,88 @@ void run(const Options& options) {
     for (unsigned tried = 0;; ++tried) {
         address.sin_port = htons(static_cast<uint16_t>(low + (first + tried) % span));
         if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) break;
-        if (errno != EADDRINUSE || tried + 1 == span) fail("bind");
+        if (errno != EADDRINUSE || tried + 1 == span) throw std::runtime_error("no port to bind");
     }
     socklen_t length = sizeof address;
     if (listen(listener, 64) != 0 ||
         getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-        fail("listen");
+        throw std::runtime_error("cannot listen");
     std::printf("%u\n", ntohs(address.sin_port));
     std::fflush(stdout);
     for (uint64_t accepted = 0;;) {
         const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        if (client < 0) continue;
-        if (accepted++ < options.dropFirst) {
-            close(client);
-            continue;
-        }
         const int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (connect(server, reinterpret_cast<const sockaddr*>(&options.target),
-                    sizeof options.target) != 0) {
-            std::perror("fg-relay: cannot reach the target");
-            close(server);
-            close(client);
+        if (client >= 0 && accepted++ >= options.dropFirst &&
+            connect(server, reinterpret_cast<const sockaddr*>(&options.target),
+                    sizeof options.target) == 0) {
+            // Small messages leave when they are due; Nagle would add its own delay. A send
+            // waits at most a tick, so that its thread sees a cut.
+            const timeval tick{0, 100000};
+            for (int fd : {client, server}) {
+                setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+                setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tick, sizeof tick);
+            }
+            const auto c = std::make_shared<Connection>(client, server, options);
+            for (int d : {0, 1}) std::thread(&Connection::pump, c, d).detach();
             continue;
         }
-        prepare(client);
-        prepare(server);
-        const auto c = std::make_shared<Connection>(client, server, options);
-        for (int d : {0, 1}) std::thread(&Connection::pump, c, d).detach();
+        for (int fd : {client, server}) close(fd);
     }
 }
 
-uint64_t count(const char* text) {
-    char* end = nullptr;
-    const unsigned long long value = std::strtoull(text, &end, 10);
-    if (end == text || *end || text[0] == '-')
-        throw std::invalid_argument(std::string("not a count: ") + text);
-    return value;
-}
-
 // HOST:PORT, or HOST:LOW-HIGH where `high` may take one.
-sockaddr_in address(const char* text, unsigned* high = nullptr) {
+sockaddr_in address(const std::string& text, unsigned* high = nullptr) {
     char host[16];
     unsigned port = 0, top = 0;
     int used = 0;
     sockaddr_in a{};
     a.sin_family = AF_INET;
-    const int n = std::sscanf(text, "%15[0-9.]:%u%n-%u%n", host, &port, &used, &top, &used);
+    const int n = std::sscanf(text.c_str(), "%15[0-9.]:%u%n-%u%n", host, &port, &used, &top, &used);
     if (n < 2 || text[used] || (n == 3 && !high) || port > 65535 || top > 65535 ||
         inet_pton(AF_INET, host, &a.sin_addr) != 1)
-        throw std::invalid_argument(std::string("not HOST:PORT: ") + text);
+        throw std::invalid_argument("not HOST:PORT: " + text);
     if (high) *high = top;
     a.sin_port = htons(static_cast<uint16_t>(port));
     return a;
 }
 
 Options parse(int argc, char** argv) {
-    Options o;
-    o.listen = address("127.0.0.1:0");
-    bool haveTarget = false;
-    std::map<std::string, std::function<void(const char*)>> takes = {
-        {"--listen", [&](const char* v) { o.listen = address(v, &o.listenHigh); }},
-        {"--target", [&](const char* v) { o.target = address(v), haveTarget = true; }},
-        {"--stall-ms", [&](const char* v) { o.stallFor = std::chrono::milliseconds(count(v)); }},
-        {"--drop-first", [&](const char* v) { o.dropFirst = count(v); }},
-    };
-    for (int d : {0, 1}) {
-        Rules* r = &o.rules[d];
-        const std::string way = d ? "down" : "up";
-        takes["--delay-" + way + "-ms"] = [r](const char* v) {
-            r->delay = std::chrono::milliseconds(count(v));
-        };
-        takes["--rate-" + way] = [r](const char* v) { r->rate = count(v); };
-        takes["--stall-" + way + "-at"] = [r](const char* v) { r->stallAt.push_back(count(v)); };
-        takes["--cut-" + way + "-at"] = [r](const char* v) { r->cutAt = count(v); };
-    }
+    std::map<std::string, std::string> given;  // every option but --cut-with-reset has a value
     for (int i = 1; i < argc; ++i) {
-        const auto take = takes.find(argv[i]);
-        if (std::string(argv[i]) == "--cut-with-reset") {
-            o.reset = true;
-        } else if (take != takes.end() && i + 1 < argc) {
-            take->second(argv[++i]);
-        } else {
-            throw std::invalid_argument(std::string("unknown option or missing value: ") + argv[i]);
-        }
+        const std::string name = argv[i];
+        if (name != "--cut-with-reset" && i + 1 == argc)
+            throw std::invalid_argument("no value for " + name);
+        given[name] = name == "--cut-with-reset" ? "" : argv[++i];
     }
-    if (!haveTarget) throw std::invalid_argument("--target HOST:PORT is required");
-    for (Rules& r : o.rules) std::sort(r.stallAt.begin(), r.stallAt.end());
+    // Each option is taken once; what is left over is unknown.
+    auto take = [&](const std::string& name, const std::string& otherwise) {
+        const auto it = given.find(name);
+        const std::string value = it == given.end() ? otherwise : it->second;
+        if (it != given.end()) given.erase(it);
+        return value;
+    };
+    auto count = [&](const std::string& name, uint64_t otherwise) {
+        const std::string value = take(name, "-");
+        char* end = nullptr;
+        const uint64_t n = std::strtoull(value.c_str(), &end, 10);
+        if (value == "-") return otherwise;
+        if (value.empty() || *end || value[0] == '-')
+            throw std::invalid_argument("not a count: " + name + " " + value);
+        return n;
+    };
+    Options o;
+    o.listen = address(take("--listen", "127.0.0.1:0"), &o.listenHigh);
+    o.target = address(take("--target", "no target given"));
+    o.reset = given.erase("--cut-with-reset") == 1;
+    o.stallFor = std::chrono::milliseconds(count("--stall-ms", 1000));
+    o.dropFirst = count("--drop-first", 0);
+    for (int d : {0, 1}) {
+        const std::string way = d ? "down" : "up";
+        o.rules[d] = {std::chrono::milliseconds(count("--delay-" + way + "-ms", 0)),
+                      count("--rate-" + way, 0), count("--stall-" + way + "-at", kNever),
+                      count("--cut-" + way + "-at", kNever)};
+    }
+    if (!given.empty()) throw std::invalid_argument("unknown option " + given.begin()->first);
     return o;
 }
 
@@ -269,7 +247,7 @@ int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
     try {
         run(parse(argc, argv));
-    } catch (const std::invalid_argument& e) {
+    } catch (const std::exception& e) {
         std::fprintf(stderr, "fg-relay: %s\n", e.what());
         return 2;
     }

@@ -21,47 +21,43 @@
 namespace tavik {
 namespace {
 
-class Exec : public test::SshdTest {
-  protected:
-    void SetUp() override {
-        SshdTest::SetUp();
-        ssh.reset(new Ssh(host(), user(), password(), false, port(), hostKeys()));
-    }
-    void TearDown() override {
-        ssh.reset();
-        SshdTest::TearDown();
-    }
-    int run(const std::string& command, const std::string& input = "") {
-        std::istringstream in(input);
+std::unique_ptr<Ssh> login(const test::SshdServer& sshd, uint16_t port) {
+    return std::unique_ptr<Ssh>(
+        new Ssh(sshd.host(), sshd.user(), sshd.password(), false, port, sshd.hostKeys()));
+}
+
+// A silent command ends at its EOF, without waiting out a poll, and is waited for without
+// spinning: once a keep-alive has been answered, the library's own readiness test says "ready"
+// for ever, and a wait built on it burns a core. The server answers the keep-alive requests
+// meanwhile, so silence beyond the limit is no lost connection. Output neither mixes nor stalls,
+// standard output silent (where a read of it must not block) while 8 MB go to standard error,
+// then both streams busy (20 MB each); only standard output counts as progress.
+TEST(Exec, StatusesWaitsAndStreamsOfARemoteCommand) {
+    testing::writeTextFile("/etc/hmx/hmx.conf", "SSH_SILENCE_TIMEOUT 2\n");
+    const test::SshdServer sshd;
+    const std::unique_ptr<Ssh> ssh = login(sshd, sshd.port());
+    struct Total : Ssh::Counter {
+        long long bytes = 0;
+        void operator()(int n) override { bytes += n; }
+    } counter;
+    std::ostringstream out, err;
+    auto run = [&](const std::string& command) {
+        std::istringstream in;
         out.str("");
         err.str("");
-        return ssh->exec(command, in, out, err, false, false, Ssh::nullCounter);
-    }
-
-    std::unique_ptr<Ssh> ssh;
-    std::ostringstream out, err;
-};
-
-// A silent command must end at its EOF, without waiting out a poll.
-TEST_F(Exec, ReturnsTheExitStatusOrTheSignalThatEndedTheCommandAtOnce) {
+        counter.bytes = 0;
+        return ssh->exec(command, in, out, err, true, true, counter);
+    };
     EXPECT_EQ(3, run("exit 3"));
     EXPECT_EQ(127, run("no-such-command-here"));
     EXPECT_EQ(128 + 9, run("kill -KILL $$"));
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < 5; ++i) {
         EXPECT_EQ(0, run("true"));
-        EXPECT_EQ("", out.str());
-        EXPECT_EQ("", err.str());
+        EXPECT_EQ("", out.str() + err.str());
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
-}
 
-// Once a keep-alive has been answered, the library's own readiness test says "ready" for ever;
-// a wait built on it burns a core for as long as a command stays silent. The server answers the
-// keep-alive requests meanwhile, so silence beyond the limit is no lost connection.
-TEST_F(Exec, ASilentCommandIsWaitedForWithoutSpinningAndBeyondTheSilenceLimit) {
-    testing::writeTextFile("/etc/hmx/hmx.conf", "SSH_SILENCE_TIMEOUT 2\n");
-    ssh.reset(new Ssh(host(), user(), password(), false, port(), hostKeys()));
     auto cpuSeconds = [] {
         rusage usage = {};
         getrusage(RUSAGE_SELF, &usage);
@@ -72,22 +68,9 @@ TEST_F(Exec, ASilentCommandIsWaitedForWithoutSpinningAndBeyondTheSilenceLimit) {
     EXPECT_EQ(0, run("sleep 5; echo done"));
     EXPECT_EQ("done\n", out.str());
     EXPECT_LT(cpuSeconds() - before, 0.5);
-}
 
-// Output neither mixes nor stalls, standard output silent (where a read of it must not block)
-// while 8 MB go to standard error, then both streams busy (20 MB each); only standard output
-// counts as progress.
-TEST_F(Exec, StandardOutputAndErrorStayApartAndNeverStall) {
-    class Total : public Ssh::Counter {
-      public:
-        long long bytes = 0;
-        void operator()(int n) override { bytes += n; }
-    } counter;
-    std::istringstream none;
-    const std::string command =
-        "head -c 8000000 /dev/zero >&2; yes out-line | head -c 20000000 & "
-        "yes err-line | head -c 20000000 >&2; wait";
-    ASSERT_EQ(0, ssh->exec(command, none, out, err, true, true, counter));
+    ASSERT_EQ(0, run("head -c 8000000 /dev/zero >&2; yes out-line | head -c 20000000 & "
+                     "yes err-line | head -c 20000000 >&2; wait"));
     auto lines = [](const std::string& line) {
         std::string text;
         while (text.size() < 20000000) text += line;
@@ -99,104 +82,85 @@ TEST_F(Exec, StandardOutputAndErrorStayApartAndNeverStall) {
     EXPECT_EQ(20000000, counter.bytes);
 }
 
-TEST_F(Exec, RoundTripIsByteIdenticalInEverySize) {
+// Around the 64 KiB read size, and past the 2 MiB channel window (a gigabyte is bench/'s); a
+// download is mode 0640 whatever the umask, and a missing remote file downloads as empty
+// (callers check sizes and sums).
+TEST(Transfer, RoundTripIsByteIdenticalInEverySizeAndDownloadsAreMode0640) {
+    const test::SshdServer sshd;
+    const std::unique_ptr<Ssh> ssh = login(sshd, sshd.port());
     const testing::ScratchDir local;
     const std::string sent = local.path() + "/sent", back = local.path() + "/back";
-    // Around the 64 KiB read size, and past the 2 MiB channel window (a gigabyte is bench/'s).
     std::mt19937 random(7);
+    const mode_t previous = umask(0);
     for (size_t size : {0, 1, 65535, 65536, 65537, 5 * 1024 * 1024 + 5}) {
         SCOPED_TRACE("size " + std::to_string(size));
         std::string bytes(size, '\0');
         for (char& c : bytes) c = static_cast<char>(random());
         testing::writeTextFile(sent, bytes);
         ssh->put(sent, "copy");
-        EXPECT_EQ(testing::md5OfFile(sent), testing::md5OfFile(sshd().home() + "/copy"));
+        EXPECT_EQ(testing::md5OfFile(sent), testing::md5OfFile(sshd.home() + "/copy"));
+        boost::filesystem::remove(back);
         ssh->get(back, "copy");
         EXPECT_EQ(size, boost::filesystem::file_size(back));
         EXPECT_EQ(testing::md5OfFile(sent), testing::md5OfFile(back));
+        struct stat st = {};
+        stat(back.c_str(), &st);
+        EXPECT_EQ(0640u, st.st_mode & 07777);
     }
-}
-
-TEST_F(Exec, DownloadsAreMode0640WhateverTheUmaskAndEmptyForAMissingFile) {
-    ASSERT_EQ(0, sshd().runAsUser("echo data > file").status);
-    const testing::ScratchDir local;
-    const std::string path = local.path() + "/got";
-    const mode_t previous = umask(0);
-    ssh->get(path, "file");
     EXPECT_EQ(0u, umask(previous)) << "the download must restore the process umask";
-    struct stat st;
-    ASSERT_EQ(0, stat(path.c_str(), &st));
-    EXPECT_EQ(0640u, st.st_mode & 07777);
-
-    // A missing remote file downloads as empty; callers check sizes and sums.
-    ssh->get(path, "no-such-file");
-    EXPECT_EQ(0u, boost::filesystem::file_size(path));
+    ssh->get(back, "no-such-file");
+    EXPECT_EQ(0u, boost::filesystem::file_size(back));
 }
-
-class Far : public test::SshdTest {};
 
 // Copies a remote file on every call, as the dumping-status refresh does.
-class CopyingAlarm : public Alarm {
-  public:
-    explicit CopyingAlarm(Ssh& ssh) : ssh_(ssh) {}
+struct CopyingAlarm : Alarm {
+    explicit CopyingAlarm(Ssh& ssh) : ssh(ssh) {}
     void doAlarm() override {
         calls.push_back(std::chrono::steady_clock::now());
         std::ostringstream copy;
-        ssh_.get(copy, "status");
+        ssh.get(copy, "status");
         copies += copy.str();
     }
+    Ssh& ssh;
     std::vector<std::chrono::steady_clock::time_point> calls;
     std::string copies;
-
-  private:
-    Ssh& ssh_;
 };
 
-// SIGALRM every 50 ms, handled without restarting what it interrupts.
-class StraySignals {
-  public:
-    StraySignals() {
-        struct sigaction handler = {};
-        handler.sa_handler = [](int) {};
-        sigaction(SIGALRM, &handler, &previous_);
-        const itimerval every50ms = {{0, 50000}, {0, 50000}};
-        setitimer(ITIMER_REAL, &every50ms, nullptr);
-    }
-    ~StraySignals() {
-        const itimerval off = {};
-        setitimer(ITIMER_REAL, &off, nullptr);
-        sigaction(SIGALRM, &previous_, nullptr);
-    }
+// Across a 700 ms round trip, with SIGALRM every 50 ms, handled without restarting what it
+// interrupts: no wait ends early, and the alarm runs on the command's clock, once per 5 seconds,
+// its own download included.
+TEST(Far, NoSignalEndsAWaitAndTheAlarmKeepsItsOwnTime) {
+    const test::SshdServer sshd;
+    testing::writeTextFile(sshd.home() + "/status", "running\n");
+    test::RelayProcess far(sshd.port(), "--delay-up-ms 350 --delay-down-ms 350");
+    struct sigaction handler = {}, previous = {};
+    handler.sa_handler = [](int) {};
+    sigaction(SIGALRM, &handler, &previous);
+    itimerval every50ms = {{0, 50000}, {0, 50000}};
+    setitimer(ITIMER_REAL, &every50ms, nullptr);
 
-  private:
-    struct sigaction previous_;
-};
-
-// Across a 700 ms round trip, with signals arriving all the time: no wait ends early, and the
-// alarm runs on the command's clock, once per 5 seconds, its own download included.
-TEST_F(Far, NoSignalEndsAWaitAndTheAlarmKeepsItsOwnTime) {
-    ASSERT_EQ(0, sshd().runAsUser("echo running > status").status);
-    test::RelayProcess far(port(), {"--delay-up-ms", "350", "--delay-down-ms", "350"});
-    const StraySignals signals;
-    Ssh ssh(host(), user(), password(), false, far.port(), hostKeys());
-    CopyingAlarm alarm(ssh);
-    ssh.setAlarm(&alarm);
+    const std::unique_ptr<Ssh> ssh = login(sshd, far.port());
+    CopyingAlarm alarm(*ssh);
+    ssh->setAlarm(&alarm);
     std::ostringstream out, err;
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(0, ssh.exec("sleep 6; echo done", out, err, false, Ssh::nullCounter));
-    ssh.setAlarm(nullptr);
+    EXPECT_EQ(0, ssh->exec("sleep 6; echo done", out, err, false, Ssh::nullCounter));
+    ssh->setAlarm(nullptr);
     EXPECT_EQ("done\n", out.str());
     ASSERT_EQ(1u, alarm.calls.size());
     EXPECT_GE(alarm.calls[0] - start, std::chrono::seconds(5));
     EXPECT_LT(alarm.calls[0] - start, std::chrono::seconds(7));
     EXPECT_EQ("running\n", alarm.copies);
-
     const std::string bytes(300000, 'y');
     std::istringstream sent(bytes);
-    ssh.put(sent, "copy");
+    ssh->put(sent, "copy");
     std::ostringstream back;
-    ssh.get(back, "copy");
+    ssh->get(back, "copy");
     EXPECT_TRUE(bytes == back.str()) << back.str().size() << " bytes back";
+
+    every50ms = {};
+    setitimer(ITIMER_REAL, &every50ms, nullptr);
+    sigaction(SIGALRM, &previous, nullptr);
 }
 
 }  // namespace

@@ -3,31 +3,76 @@
 #ifndef FERRYGATE_TESTS_SUPPORT_SANDBOX_ENV_H
 #define FERRYGATE_TESTS_SUPPORT_SANDBOX_ENV_H
 
+#include <pwd.h>
+#include <stdlib.h>
+
+#include <boost/filesystem.hpp>
+#include <fstream>
 #include <set>
+#include <sstream>
+#include <stdexcept>
 #include <string>
+
+#include "commons/checksum.h"
 
 namespace tavik {
 namespace testing {
 
 // True inside scripts/sandbox.sh; use as ASSERT_TRUE(inSandbox()) before touching /etc.
-bool inSandbox();
+inline bool inSandbox() {
+    const char* flag = getenv("FERRYGATE_SANDBOXED");
+    return flag != nullptr && std::string(flag) == "1";
+}
+
 // Creates or replaces `path` (and its missing parents) with `text`.
-void writeTextFile(const std::string& path, const std::string& text);
+inline void writeTextFile(const std::string& path, const std::string& text) {
+    boost::filesystem::create_directories(boost::filesystem::path(path).parent_path());
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    if (!(out << text).flush()) throw std::runtime_error("cannot write " + path);
+}
+
 // The whole file, or "" when it cannot be read.
-std::string readFile(const std::string& path);
+inline std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
 // The names in a directory.
-std::set<std::string> listDir(const std::string& dir);
+inline std::set<std::string> listDir(const std::string& dir) {
+    std::set<std::string> names;
+    for (const auto& entry : boost::filesystem::directory_iterator(dir))
+        names.insert(entry.path().filename().string());
+    return names;
+}
+
 // MD5 of a file as 32 lower-case hexadecimal digits.
-std::string md5OfFile(const std::string& path);
+inline std::string md5OfFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return countMd5Sum(in);
+}
+
 // Adds a system account without a home directory (useradd -M -r) unless it exists, inside the
 // sandbox only; false when there is no such account afterwards.
-bool addSystemAccount(const std::string& name);
+inline bool addSystemAccount(const std::string& name) {
+    if (!inSandbox()) return false;
+    if (getpwnam(name.c_str()) != nullptr) return true;
+    return system(("useradd -M -r " + name + " >/dev/null 2>&1").c_str()) == 0;
+}
 
 // A fresh directory below /tmp, removed with everything in it by the destructor.
 class ScratchDir {
   public:
-    ScratchDir();
-    ~ScratchDir();
+    ScratchDir() {
+        char name[] = "/tmp/ferrygate-test.XXXXXX";
+        if (mkdtemp(name) == nullptr) throw std::runtime_error("mkdtemp failed");
+        path_ = name;
+    }
+    ~ScratchDir() {
+        boost::system::error_code ignored;
+        boost::filesystem::remove_all(path_, ignored);
+    }
     ScratchDir(const ScratchDir&) = delete;
     ScratchDir& operator=(const ScratchDir&) = delete;
     const std::string& path() const { return path_; }

@@ -1,63 +1,113 @@
 // A real OpenSSH server on 127.0.0.1 for tests, started through scripts/sshd-host.sh inside
-// scripts/sandbox.sh, where its test account and PAM stack stay private. Derive from SshdTest;
-// override sshdOptions() for a server of another kind.
+// scripts/sandbox.sh, where its test account and PAM stack stay private.
 #ifndef FERRYGATE_TESTS_SUPPORT_SSHD_FIXTURE_H
 #define FERRYGATE_TESTS_SUPPORT_SSHD_FIXTURE_H
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
-#include <memory>
+#include <iostream>
+#include <random>
+#include <sstream>
+#include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "ssh/known_hosts.h"
 #include "support/process.h"
+#include "support/sandbox_env.h"
 
 namespace tavik {
 namespace test {
 
-// The account is fgtest; the port is random from 20000 to 32767 (ferrygate's command line refuses
-// higher ones).
+// A password of printable characters, shell-special ones and a blank included, without ':'.
+inline std::string randomPassword() {
+    static const std::string alphabet =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789 "
+        "!\"#$%&'()*+,-./;<=>?@[\\]^_`{|}~";
+    std::random_device seed;
+    std::mt19937 random(seed());
+    std::uniform_int_distribution<size_t> pick(0, alphabet.size() - 1);
+    std::string password;
+    for (int i = 0; i < 20; ++i) password += alphabet[pick(random)];
+    return password;
+}
+
 struct SshdOptions {
-    // Methods the server offers, comma-separated: password, keyboard-interactive, publickey.
-    std::string auth = "password,keyboard-interactive";
-    // Also offer the legacy key exchange diffie-hellman-group1-sha1.
-    bool compat = false;
-    // The one address the server listens on.
-    std::string address = "127.0.0.1";
-    // The port; 0 for a random one.
-    unsigned short port = 0;
+    std::string auth = "password,keyboard-interactive";  // offered, comma-separated; or publickey
+    std::string address = "127.0.0.1";                   // the one address listened on
+    unsigned short port = 0;  // 0: a random one from 20000 to 32767 (ferrygate refuses higher)
+    bool compat = false;      // also offer the legacy key exchange diffie-hellman-group1-sha1
 };
 
-// One running server and its test account; stopped (with all its sessions) by the destructor.
+// One running server and its account fgtest with a fresh random password. Throws
+// std::runtime_error when it does not start; the destructor stops it with all its sessions and,
+// when the running test has failed, shows the server's log.
 class SshdServer {
   public:
-    // Starts the server with a fresh random password; throws std::runtime_error on failure.
-    explicit SshdServer(const SshdOptions& options = SshdOptions());
+    explicit SshdServer(const SshdOptions& options = SshdOptions())
+        : host_(options.address), password_(randomPassword()) {
+        if (!testing::inSandbox()) throw std::runtime_error("sshd needs scripts/sandbox.sh");
+        const std::string port = std::to_string(options.port);
+        std::vector<std::string> argv = {"/bin/bash",
+                                         kScript,
+                                         "start",
+                                         "--user",
+                                         user_,
+                                         "--auth",
+                                         options.auth,
+                                         "--address",
+                                         host_,
+                                         "--ports",
+                                         options.port != 0 ? port + "-" + port : "20000-32767"};
+        if (options.compat) argv.push_back("--compat");
+        const ProcessResult started =
+            runProcess(argv, "", {"FERRYGATE_SSHD_PASSWORD=" + password_});
+        std::istringstream lines(started.out);
+        for (std::string line; std::getline(lines, line);) {
+            const size_t eq = line.find('=');
+            const std::string key = line.substr(0, eq), value = line.substr(eq + 1);
+            if (key == "port") port_ = static_cast<unsigned short>(std::stoul(value));
+            if (key == "pid") pid_ = static_cast<pid_t>(std::stol(value));
+            if (key == "home") home_ = value;
+            if (key == "dir") dir_ = value;
+        }
+        if (started.status != 0 || port_ == 0 || pid_ <= 0) {
+            throw std::runtime_error("sshd-host.sh start failed: " + started.out + started.err);
+        }
+    }
     SshdServer(const SshdServer&) = delete;
     SshdServer& operator=(const SshdServer&) = delete;
-    ~SshdServer();
+    ~SshdServer() {
+        if (::testing::Test::HasFailure() && pid_ > 0) std::cerr << "sshd log:\n" << log();
+        stop();
+    }
 
     const std::string& host() const { return host_; }
     unsigned short port() const { return port_; }
     const std::string& user() const { return user_; }
     const std::string& password() const { return password_; }
     const std::string& home() const { return home_; }
-
-    // Runs `command` with /bin/sh -c as the test account in its home directory.
-    ProcessResult runAsUser(const std::string& command) const;
-    // Kills every per-connection process and what runs below it, as a crash of the server side
-    // of every connection would; the listener keeps running.
-    void killSessions() const;
     // For the clients of this server: its key recorded in a file that goes with it.
     HostKeyPolicy hostKeys() const { return HostKeyPolicy(dir_ + "/known_hosts"); }
-    // The server's own log, for diagnosing a failing test.
-    std::string log() const;
-    // Stops the server now (the destructor does it otherwise).
-    void stop();
+    std::string log() const { return testing::readFile(dir_ + "/sshd.log"); }
+
+    // Kills every per-connection process and what runs below it, as a crash of the server side
+    // of every connection would; the listener keeps running. Parents first, and nothing dies
+    // before all are stopped: a server process that saw its command killed would otherwise
+    // report the command's end to the client before its own kill arrived.
+    void killSessions() const {
+        const char* script =
+            "below() { for p in $(ps -o pid= --ppid $1); do kill -STOP $p; "
+            "echo $p; below $p; done; }; kill -KILL $(below $0) 2>/dev/null";
+        runProcess({"/bin/bash", "-c", script, std::to_string(pid_)});
+    }
+    void stop() {
+        if (pid_ > 0) runProcess({"/bin/bash", kScript, "stop", std::to_string(pid_)});
+        pid_ = -1;
+    }
 
   private:
+    static constexpr const char* kScript = FERRYGATE_SOURCE_DIR "/scripts/sshd-host.sh";
     std::string host_;
     unsigned short port_ = 0;
     std::string user_ = "fgtest";
@@ -66,29 +116,6 @@ class SshdServer {
     std::string dir_;
     pid_t pid_ = -1;
 };
-
-// A gtest fixture with one server per test case.
-class SshdTest : public ::testing::Test {
-  protected:
-    virtual SshdOptions sshdOptions() const { return SshdOptions(); }
-    void SetUp() override;
-    void TearDown() override;
-
-    SshdServer& sshd() { return *server_; }
-    const std::string& host() const { return server_->host(); }
-    unsigned short port() const { return server_->port(); }
-    const std::string& user() const { return server_->user(); }
-    const std::string& password() const { return server_->password(); }
-    HostKeyPolicy hostKeys() const { return server_->hostKeys(); }
-
-  private:
-    std::unique_ptr<SshdServer> server_;
-};
-
-// The checkout's scripts directory.
-std::string scriptsDir();
-// A password of printable characters, shell-special ones and a blank included, without ':'.
-std::string randomPassword();
 
 }  // namespace test
 }  // namespace tavik
