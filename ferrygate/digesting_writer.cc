@@ -7,13 +7,14 @@ namespace tavik {
 namespace {
 // Large enough that a disk write and a digest update are worth a thread hand-over each.
 const size_t kBlock = 256 << 10;
+const size_t kBlocks = 8;
 }  // namespace
 
 DigestingWriter::DigestingWriter(std::ostream& file, Md5& digest)
-    : file_(file), digest_(digest), filling_(kBlock), pending_(kBlock), worker_([this] {
-          work();
-      }) {
-    setp(filling_.data(), filling_.data() + filling_.size());
+    : file_(file), digest_(digest), blocks_(kBlocks, std::vector<char>(kBlock)) {
+    for (size_t block = 1; block < kBlocks; ++block) free_.push_back(block);
+    setp(blocks_[0].data(), blocks_[0].data() + kBlock);
+    worker_ = std::thread([this] { work(); });
 }
 
 DigestingWriter::~DigestingWriter() { finish(); }
@@ -28,27 +29,30 @@ int DigestingWriter::overflow(int c) {
 
 void DigestingWriter::handOver() {
     std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return !hasPending_; });
-    pendingSize_ = static_cast<size_t>(pptr() - pbase());
-    filling_.swap(pending_);
-    setp(filling_.data(), filling_.data() + filling_.size());
-    hasPending_ = true;
+    full_.emplace_back(filling_, static_cast<size_t>(pptr() - pbase()));
     changed_.notify_all();
+    changed_.wait(lock, [this] { return !free_.empty(); });
+    filling_ = free_.back();
+    free_.pop_back();
+    setp(blocks_[filling_].data(), blocks_[filling_].data() + kBlock);
 }
 
 void DigestingWriter::work() {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-        changed_.wait(lock, [this] { return hasPending_ || stopping_; });
-        if (!hasPending_) return;
+        changed_.wait(lock, [this] { return !full_.empty() || stopping_; });
+        if (full_.empty()) return;
+        const std::pair<size_t, size_t> block = full_.front();
+        full_.pop_front();
         lock.unlock();
-        // Only this thread touches the block, the digest and the file until it hands back.
-        digest_.update(pending_.data(), pendingSize_);
-        const bool written = static_cast<bool>(
-            file_.write(pending_.data(), static_cast<std::streamsize>(pendingSize_)));
+        // Only this thread touches a filled block, the digest and the file.
+        const char* data = blocks_[block.first].data();
+        digest_.update(data, block.second);
+        const bool written =
+            static_cast<bool>(file_.write(data, static_cast<std::streamsize>(block.second)));
         lock.lock();
         if (!written) failed_ = true;
-        hasPending_ = false;
+        free_.push_back(block.first);
         changed_.notify_all();
     }
 }

@@ -3,10 +3,12 @@
 #define FERRYGATE_FERRYGATE_DIGESTING_WRITER_H
 
 #include <condition_variable>
+#include <deque>
 #include <mutex>
 #include <ostream>
 #include <streambuf>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "commons/checksum.h"
@@ -16,8 +18,9 @@ namespace tavik {
 
 // A stream buffer that collects what is written (or read into it) into large blocks and hands each
 // to a second thread, which adds it to `digest` and writes it to `file`: decryption, checksum and
-// disk proceed side by side, and memory stays at two blocks. `file` and `digest` are not owned and
-// must not be touched until finish() has returned.
+// disk proceed side by side. A few blocks may wait for that thread, so that a moment when it has
+// no core (the server often shares them) does not stop the download; memory stays at those blocks.
+// `file` and `digest` are not owned and must not be touched until finish() has returned.
 class DigestingWriter : public LendingBuffer {
   public:
     DigestingWriter(std::ostream& file, Md5& digest);
@@ -38,12 +41,13 @@ class DigestingWriter : public LendingBuffer {
 
     std::ostream& file_;
     Md5& digest_;
-    std::vector<char> filling_;
-    std::vector<char> pending_;
-    size_t pendingSize_ = 0;
+    std::vector<std::vector<char>> blocks_;
+    size_t filling_ = 0;
+    // Blocks free to fill, and blocks filled with their sizes, oldest first.
+    std::vector<size_t> free_;
+    std::deque<std::pair<size_t, size_t>> full_;
     std::mutex mutex_;
     std::condition_variable changed_;
-    bool hasPending_ = false;
     bool stopping_ = false;
     bool failed_ = false;
     std::thread worker_;
