@@ -114,6 +114,12 @@ class FileRetrievalProgressUpdater : public Ssh::Counter {
     }
     // Counts `bytes` as done without a transfer (a file already here); saves nothing.
     void skip(int64_t bytes);
+    // The current file's attempt, of which `counted` bytes were counted, is thrown away: they
+    // are to come again, and the file starts once more under its own number.
+    void retry(int64_t counted) {
+        sizeLeft += counted;
+        if (fileIndex > 0) --fileIndex;
+    }
 
   private:
     MigrationStatus* status;

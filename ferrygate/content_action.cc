@@ -183,6 +183,7 @@ bool RetrieveContentAction::fetchVerified(const DumpFile& file, const std::strin
     // whole file settles it.
     contentLog().warnStream() << TAVIK_EXC(WrongMd5Sum, local, actual, file.md5).what();
     Md5 fresh;
+    updater.retry(std::max<int64_t>(0, env().fileSize(local)));
     updater.startFile(file.size);
     actual = fetch(file, local, 0, fresh, updater);
     if (actual == file.md5) return true;
@@ -259,6 +260,7 @@ class Splitter : public std::streambuf {
           finished_(finished) {}
 
     std::vector<std::string> sums;  // one per part, in order; "" when the part never completed
+    std::vector<int64_t> taken;     // the bytes of each part, as counted
 
     // Ends the current part; parts that never began stay without a sum.
     void close() {
@@ -310,6 +312,7 @@ class Splitter : public std::streambuf {
         if (!*copy_) TAVIK_RAISE(FileWrite, local, std::strerror(errno));
         copy_.reset();
         sums.push_back(written_ == files_[index_].size && !overflow_ ? digest_.hex() : "");
+        taken.push_back(written_);
         finished_(index_);
         ++index_;
     }
@@ -362,7 +365,10 @@ void RetrieveContentAction::fetchBatch(const std::vector<DumpFile>& files, size_
         const std::string local = localPath(target, files[i]);
         env().removeFile(local);
         const bool reported = part < splitter.sums.size();
-        if (reported) ++progress.left;
+        if (reported) {
+            ++progress.left;
+            progress.updater.retry(splitter.taken[part]);
+        }
         startFile(progress, files[i]);
         if (fetchVerified(files[i], local, progress.updater)) verified.push_back(files[i].name);
         endFile(progress);
