@@ -12,7 +12,6 @@
 #include <thread>
 
 #include "support/migration_host.h"
-#include "support/relay_process.h"
 
 namespace tavik {
 namespace test {

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "commons/unique_fd.h"
-#include "support/raised.h"
+#include "support/sandbox_env.h"
 
 namespace tavik {
 namespace {
