@@ -4,7 +4,7 @@
 # seed corpus for a bounded time, two at a time. Fails on any crash, leak, timeout, memory
 # blow-up or sanitizer report.
 #
-#   bash scripts/fuzz.sh [TARGET...]        (as root; default: every target, e.g. sh_quote)
+#   bash scripts/fuzz.sh [TARGET...]        (as root; default: every target, e.g. inputs)
 #
 # FERRYGATE_FUZZ_SECONDS   run time of each target (default 60)
 # FERRYGATE_FUZZ_JOBS      targets run at once (default 2)

@@ -21,7 +21,6 @@
 #include "commons/unique_fd.h"
 #include "ssh/shell_quote.h"
 #include "support/migration_host.h"
-#include "support/relay_process.h"
 
 namespace tavik {
 namespace test {

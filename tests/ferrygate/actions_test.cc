@@ -15,7 +15,6 @@
 #include "ssh/shell_quote.h"
 #include "support/process.h"
 #include "support/sandbox_env.h"
-#include "support/xml_render.h"
 #include "xml/agent_file_list.h"
 
 namespace tavik {
@@ -49,7 +48,7 @@ eval "$1")";
     return commands;
 }
 
-// Every migration status document as it is saved, rendered (xml_render).
+// Every migration status document as it is saved, rendered (renderFile).
 class RecordingStatus : public XmlMigrationStatus {
   public:
     RecordingStatus(const std::string& file, std::vector<std::string>& saves)
@@ -82,12 +81,10 @@ struct RunFiles {
 class ActionRun : private RunFiles, public Env {
   public:
     struct Reply {
-        // `during` runs before the reply, in the middle of the command (a lost connection, say).
-        Reply(int status, std::string out = "", std::function<void()> during = {})
-            : status(status), out(out), during(during) {}
         int status;
-        std::string out;
-        std::function<void()> during;
+        std::string out = "";
+        // Runs before the reply, in the middle of the command (a lost connection, say).
+        std::function<void()> during = {};
     };
     // A source host with a dump and one content file listed, which a test may change.
     explicit ActionRun(int action, bool sudo = false) : Env(sessionFiles) {
@@ -160,7 +157,6 @@ class ActionRun : private RunFiles, public Env {
     std::vector<std::string> commands;
     std::vector<std::string> deleted;  // remote files, in order
     std::vector<std::string> statusSaves;
-    uint64_t free = UINT64_MAX;
     int exitCode = 0;
 
     int exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream&, bool,
@@ -229,7 +225,7 @@ class ActionRun : private RunFiles, public Env {
     std::string agentsDir() const override { return dir.path() + "/agents"; }
     std::string scoutFile() const override { return dir.path() + "/scout.pl"; }
     FileOwner adminOwner() const override { return FileOwner{getuid(), getgid()}; }
-    uint64_t freeSpace(const std::string&) const override { return free; }
+    uint64_t freeSpace(const std::string&) const override { return UINT64_MAX; }
     MigrationStatusPtr createStatus() override {
         return MigrationStatusPtr(new RecordingStatus(session().getStatusFileName(), statusSaves));
     }

@@ -5,7 +5,6 @@
 #include <string>
 
 #include "commons/exceptions.h"
-#include "support/raised.h"
 #include "support/sandbox_env.h"
 
 namespace tavik {

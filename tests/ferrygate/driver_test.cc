@@ -1,6 +1,7 @@
 // The real binary refusing a command line, before any connection.
 #include <gtest/gtest.h>
 #include <pwd.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <boost/filesystem.hpp>
@@ -93,6 +94,44 @@ TEST(Driver, RefusalsAnswerOnStandardErrorOrInTheSessionLog) {
     EXPECT_EQ(std::string::npos, log.find("***", log.find("***") + 1)) << log;
     EXPECT_EQ("", readFile(cwd.path() + "/S/migration.log.debug"))
         << "debug lines without --verbose";
+
+    // A broken host ends an action with a clean error before any connection: agents without
+    // 'shared', an agent whose spec does not parse, a session directory that not even root may
+    // write (saving the status fails; the last-resort handler ends the run), no hmx.conf (last).
+    testing::writeTextFile(product.path() + "/RKU/agents/a/control/spec", "EntryPoint a.pl\n");
+    const std::string ro = cwd.path() + "/ro";
+    boost::filesystem::create_directories(ro);
+    ASSERT_EQ(0, mount("fgro", ro.c_str(), "tmpfs", MS_RDONLY, "size=64k"));
+    const struct {
+        std::string action, session;
+        int code;
+        std::string err, cause;  // all of standard error (or its start before "..."); the result's
+    } broken[] = {
+        {"--deploy-agent", "B", 2, "'shared' agents directory not found",
+         "NoSharedAgentsDirectory"},
+        {"--dump-all", "B", 2, "Error during dump retrieval", "AgentNotFound"},
+        {"--send-scout", "ro", 1,
+         "Can not create temporary file with the template 'ro/migration.statusXXXXXX': Read-only "
+         "file system....",
+         ""},
+        {"--send-scout", "B", 1,
+         "ferrygate: the product tree is not installed (no /usr/local/hmx/RKU/log4cpp.properties): "
+         "install it with 'cmake --install build' or the ferrygate .deb package\n",
+         ""},
+    };
+    for (const auto& row : broken) {
+        if (&row == std::end(broken) - 1) boost::filesystem::remove("/etc/hmx/hmx.conf");
+        std::vector<std::string> args = {row.action, "--session-path=" + row.session, "--host=h",
+                                         "--login=l"};
+        if (row.code == 2) args.insert(args.end(), {"--agent-dir=d", "--agent-name=a"});
+        const ProcessResult r = run(args, cwd.path());
+        EXPECT_EQ(row.code, r.status) << row.err;
+        const size_t dots = row.err.rfind("...");
+        EXPECT_EQ(row.err.substr(0, dots), r.err.substr(0, dots));
+        find(readFile(cwd.path() + "/B/migration.result"), row.cause);
+    }
+    EXPECT_TRUE(boost::filesystem::is_empty(ro));
+    umount(ro.c_str());
 }
 
 }  // namespace

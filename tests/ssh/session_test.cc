@@ -10,7 +10,6 @@
 
 #include "ssh/libssh2pp.h"
 #include "ssh/ssh_transfer.h"
-#include "support/relay_process.h"
 #include "support/sshd_fixture.h"
 
 namespace tavik {

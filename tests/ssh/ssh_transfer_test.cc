@@ -14,7 +14,6 @@
 #include <sstream>
 #include <vector>
 
-#include "support/relay_process.h"
 #include "support/sandbox_env.h"
 #include "support/sshd_fixture.h"
 

@@ -1,11 +1,14 @@
 // A real OpenSSH server on 127.0.0.1 for tests, started through scripts/sshd-host.sh inside
-// scripts/sandbox.sh, where its test account and PAM stack stay private.
+// scripts/sandbox.sh, where its test account and PAM stack stay private; and fg-relay in front of
+// it.
 #ifndef FERRYGATE_TESTS_SUPPORT_SSHD_FIXTURE_H
 #define FERRYGATE_TESTS_SUPPORT_SSHD_FIXTURE_H
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/types.h>
 
+#include <cstdio>
 #include <iostream>
 #include <random>
 #include <sstream>
@@ -13,6 +16,7 @@
 #include <string>
 
 #include "ssh/known_hosts.h"
+#include "ssh/shell_quote.h"
 #include "support/process.h"
 #include "support/sandbox_env.h"
 
@@ -48,17 +52,10 @@ class SshdServer {
         : host_(options.address), password_(randomPassword()) {
         if (!testing::inSandbox()) throw std::runtime_error("sshd needs scripts/sandbox.sh");
         const std::string port = std::to_string(options.port);
-        std::vector<std::string> argv = {"/bin/bash",
-                                         kScript,
-                                         "start",
-                                         "--user",
-                                         user_,
-                                         "--auth",
-                                         options.auth,
-                                         "--address",
-                                         host_,
-                                         "--ports",
-                                         options.port != 0 ? port + "-" + port : "20000-32767"};
+        const std::string ports = options.port != 0 ? port + "-" + port : "20000-32767";
+        std::vector<std::string> argv = {"/bin/bash", kScript,   "start",      "--user",
+                                         user_,       "--auth",  options.auth, "--address",
+                                         host_,       "--ports", ports};
         if (options.compat) argv.push_back("--compat");
         const ProcessResult started =
             runProcess(argv, "", {"FERRYGATE_SSHD_PASSWORD=" + password_});
@@ -115,6 +112,40 @@ class SshdServer {
     std::string home_;
     std::string dir_;
     pid_t pid_ = -1;
+};
+
+// fg-relay in front of a local port, for tests that need distance or faults between ferrygate
+// and sshd: RelayProcess relay(sshd.port(), "--delay-down-ms 25"), then connect to
+// relay.port(), a free loopback port from 20000 to 32767 (ferrygate refuses higher ones). The
+// constructor throws std::runtime_error when the relay does not start; the destructor ends it.
+class RelayProcess {
+  public:
+    // `rules` are words of a shell command line. The shell's process id is the relay's after
+    // exec; the relay prints its port once it listens, or says why it cannot and exits.
+    RelayProcess(uint16_t targetPort, const std::string& rules)
+        : out_(popen(("echo $$; exec " + sh_quote(FG_RELAY_BINARY) +
+                      " --listen 127.0.0.1:20000-32767 --target 127.0.0.1:" +
+                      std::to_string(targetPort) + " " + rules)
+                         .c_str(),
+                     "re")) {
+        if (out_ == nullptr || std::fscanf(out_, "%d %hu", &pid_, &port_) != 2) {
+            if (out_ != nullptr) pclose(out_);
+            throw std::runtime_error("fg-relay did not start");
+        }
+    }
+    ~RelayProcess() {
+        kill(pid_, SIGTERM);
+        pclose(out_);
+    }
+    RelayProcess(const RelayProcess&) = delete;
+    RelayProcess& operator=(const RelayProcess&) = delete;
+
+    uint16_t port() const { return port_; }
+
+  private:
+    FILE* out_;
+    pid_t pid_ = -1;
+    uint16_t port_ = 0;
 };
 
 }  // namespace test

@@ -1,13 +1,15 @@
 #include "xml/agent_file_list.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <boost/lexical_cast.hpp>
 #include <string>
 
-#include "support/loopback.h"
-#include "support/raised.h"
+#include "commons/unique_fd.h"
+#include "support/sandbox_env.h"
 
 namespace tavik {
 namespace {
@@ -30,14 +32,21 @@ TEST(ContentList, FilesInDocumentOrderAndEverythingElseRefused) {
                  boost::bad_lexical_cast);
     EXPECT_THROW(getFileList("<contentlists/>"), Exc<&tError_WrongDoc>);
 
-    testing::LoopbackSocket listener;
-    const std::string dtd =
-        "<!DOCTYPE contentlist SYSTEM \"http://127.0.0.1:" + std::to_string(listener.port()) +
-        "/a.dtd\"><contentlist/>";
+    // A listener at a loopback port the kernel picks, which the DTD names.
+    const UniqueFd listener(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(0, bind(listener.get(), reinterpret_cast<sockaddr*>(&address), length));
+    ASSERT_EQ(0, listen(listener.get(), 8));
+    ASSERT_EQ(0, getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &length));
+    const std::string dtd = "<!DOCTYPE contentlist SYSTEM \"http://127.0.0.1:" +
+                            std::to_string(ntohs(address.sin_port)) + "/a.dtd\"><contentlist/>";
     EXPECT_NE(std::string::npos, testing::messageOf<&tError_ParseFile>([&] {
                                      getFileList(dtd);
                                  }).find("may not carry a document type declaration"));
-    pollfd contact{listener.fd(), POLLIN, 0};
+    pollfd contact{listener.get(), POLLIN, 0};
     EXPECT_EQ(0, poll(&contact, 1, 0)) << "a document made the reader connect";
 }
 

@@ -11,9 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "support/raised.h"
 #include "support/sandbox_env.h"
-#include "support/xml_render.h"
 #include "xml/migration_status.h"
 #include "xml/xml_wrap.h"
 
