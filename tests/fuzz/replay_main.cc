@@ -1,5 +1,5 @@
 // Without libFuzzer (the gcc build), ctest replays the seeds and old crashers through this main:
-// every file of the directories (or the files) named on the command line, once.
+// every file of the directories named on the command line, once.
 #include <algorithm>
 #include <boost/filesystem.hpp>
 #include <cstdint>
@@ -15,14 +15,8 @@ extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** arg
 int main(int argc, char** argv) {
     namespace fs = boost::filesystem;
     if (LLVMFuzzerInitialize != nullptr) LLVMFuzzerInitialize(&argc, &argv);
-    std::vector<fs::path> files(argv + 1, argv + argc);
-    for (int i = 1; i < argc; ++i) {
-        if (fs::is_directory(argv[i]))
-            files.insert(files.end(), fs::directory_iterator(argv[i]), {});
-    }
-    files.erase(std::remove_if(files.begin(), files.end(),
-                               [](const fs::path& p) { return !fs::is_regular_file(p); }),
-                files.end());
+    std::vector<fs::path> files;
+    for (int i = 1; i < argc; ++i) files.insert(files.end(), fs::directory_iterator(argv[i]), {});
     std::sort(files.begin(), files.end());  // a failure names the same input on every run
     for (const fs::path& file : files) {
         std::ifstream in(file.string(), std::ios::binary);

@@ -1,16 +1,13 @@
-// Remote commands and transfers over a real connection: statuses, the three streams, waits, the
-// alarm; byte-identical copies in every size, a missing remote file, the mode of downloads.
+// Remote commands over a real connection: statuses, the three streams, waits, the alarm.
 #include "ssh/ssh_transfer.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 
 #include <boost/filesystem.hpp>
 #include <chrono>
-#include <random>
 #include <sstream>
 #include <vector>
 
@@ -79,36 +76,6 @@ TEST(Exec, StatusesWaitsAndStreamsOfARemoteCommand) {
     EXPECT_TRUE(err.str() == std::string(8000000, '\0') + lines("err-line\n"))
         << "stderr differs, size " << err.str().size();
     EXPECT_EQ(20000000, counter.bytes);
-}
-
-// Around the 64 KiB read size, and past the 2 MiB channel window (a gigabyte is bench/'s); a
-// download is mode 0640 whatever the umask, and a missing remote file downloads as empty
-// (callers check sizes and sums).
-TEST(Transfer, RoundTripIsByteIdenticalInEverySizeAndDownloadsAreMode0640) {
-    const test::SshdServer sshd;
-    const std::unique_ptr<Ssh> ssh = login(sshd, sshd.port());
-    const testing::ScratchDir local;
-    const std::string sent = local.path() + "/sent", back = local.path() + "/back";
-    std::mt19937 random(7);
-    const mode_t previous = umask(0);
-    for (size_t size : {0, 1, 65535, 65536, 65537, 5 * 1024 * 1024 + 5}) {
-        SCOPED_TRACE("size " + std::to_string(size));
-        std::string bytes(size, '\0');
-        for (char& c : bytes) c = static_cast<char>(random());
-        testing::writeTextFile(sent, bytes);
-        ssh->put(sent, "copy");
-        EXPECT_EQ(testing::md5OfFile(sent), testing::md5OfFile(sshd.home() + "/copy"));
-        boost::filesystem::remove(back);
-        ssh->get(back, "copy");
-        EXPECT_EQ(size, boost::filesystem::file_size(back));
-        EXPECT_EQ(testing::md5OfFile(sent), testing::md5OfFile(back));
-        struct stat st = {};
-        stat(back.c_str(), &st);
-        EXPECT_EQ(0640u, st.st_mode & 07777);
-    }
-    EXPECT_EQ(0u, umask(previous)) << "the download must restore the process umask";
-    ssh->get(back, "no-such-file");
-    EXPECT_EQ(0u, boost::filesystem::file_size(back));
 }
 
 // Copies a remote file on every call, as the dumping-status refresh does.
