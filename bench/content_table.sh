@@ -87,7 +87,7 @@ big_file() { # MIB RTT LABEL
     row "$label" "$(mbps $bytes "$tf")" "$transport" "$(mbps $bytes "$ts")" "$(mbps $bytes "$tc")" \
         "$(ratio "$ts" "$tf")" "$(ratio "$tc" "$tf")"
     if [ ${#m[@]} -gt 0 ]; then
-        summed_line="MD5 pass, $label: transport $transport, transport with the sum $(mbps $bytes "$(median "${m[@]}")"), the sum costs $(echo "scale=1; 100 - 100 * $(median "${g[@]}") / $(median "${m[@]}")" | bc -l) %"
+        summed_line="MD5 pass, $mib MiB on loopback (MB/s): transport $transport, transport with the sum $(mbps $bytes "$(median "${m[@]}")"), the sum costs $(echo "scale=1; 100 - 100 * $(median "${g[@]}") / $(median "${m[@]}")" | bc -l) %"
     fi
     rm -f "$home/big.bin" "$work/source.bin"
 }
