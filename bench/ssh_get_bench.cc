@@ -51,11 +51,16 @@ int main(int argc, char** argv) {
             const auto start = std::chrono::steady_clock::now();
             if (window == 0) {
                 std::ofstream out(local, std::ios::binary | std::ios::trunc);
-                tavik::Md5 digest;
-                tavik::DigestingWriter writer(out, digest);
-                std::ostream summed(&writer);
-                ssh.get(mode == "md5" ? summed : out, remote);
-                if (!writer.finish() || !out.flush()) throw std::runtime_error("cannot write");
+                if (mode == "md5") {
+                    tavik::Md5 digest;
+                    tavik::DigestingWriter writer(out, digest);
+                    std::ostream summed(&writer);
+                    ssh.get(summed, remote);
+                    if (!writer.finish()) throw std::runtime_error("cannot write");
+                } else {
+                    ssh.get(out, remote);
+                }
+                if (!out.flush()) throw std::runtime_error("cannot write");
             } else {
                 const auto channel =
                     ssh.session().openChannel(window, std::min(32768u, window / 4));

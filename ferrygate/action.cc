@@ -153,13 +153,8 @@ void Action::takeFile(const std::string& path) {
 }
 
 void Action::doAlarm() {
-    // The copy is itself a command, during which the transport may offer the refresh again.
-    if (!refreshing_ || inRefresh_) return;
-    inRefresh_ = true;
-    struct Done {
-        bool& flag;
-        ~Done() { flag = false; }
-    } done{inRefresh_};
+    // The copy is itself a command; the transport does not run the alarm inside its own.
+    if (!refreshing_) return;
     try {
         const std::string remote = cfg().agentDir + "/" + files::getRemoteDumpingStatusFileName();
         env_.replaceFile(env_.session().getDumpingStatusFileName(),

@@ -92,7 +92,6 @@ class Action : public Alarm {
 
   private:
     bool refreshing_ = false;
-    bool inRefresh_ = false;
 };
 
 // Keeps the transfer fields of the migration status current while files download, saving the

@@ -75,7 +75,6 @@ class RetrieveContentAction : public Action {
     // The agent's list, refused whole (CantRetrieveContentList) when an entry has no usable
     // name of its own.
     std::vector<DumpFile> contentList();
-    static std::string localPath(const std::string& target, const DumpFile& file);
     // Makes `local` a verified copy of `file`: continues a partial copy, and fetches the whole
     // file once more when the sum does not match. False when a finished copy was already there.
     // Throws WrongMd5Sum after the second mismatch, keeping the bad copy aside.

@@ -29,6 +29,11 @@ const unsigned kContentDirMode = 0755;
 
 log4cpp::Category& contentLog() { return log4cpp::Category::getInstance("p.Action"); }
 
+// Where the copy of `file` goes: always a plain name inside the target directory.
+std::string localPath(const std::string& target, const DumpFile& file) {
+    return target + "/" + getFileNameFromPath(file.name);
+}
+
 // A copy that failed its checksum twice keeps this suffix: a later run starts that file afresh
 // instead of taking the copy for a finished or a partial one.
 const char kRejectedSuffix[] = ".rejected";
@@ -156,10 +161,6 @@ std::vector<DumpFile> RetrieveContentAction::contentList() {
     return files;
 }
 
-std::string RetrieveContentAction::localPath(const std::string& target, const DumpFile& file) {
-    return target + "/" + getFileNameFromPath(file.name);
-}
-
 bool RetrieveContentAction::fetchVerified(const DumpFile& file, const std::string& local,
                                           FileRetrievalProgressUpdater& updater) {
     // What an earlier run left: the whole file (nothing to do), or a beginning to go on from.
@@ -198,12 +199,13 @@ std::string RetrieveContentAction::fetch(const DumpFile& file, const std::string
     if (!copy) TAVIK_RAISE(FileWrite, local, std::strerror(errno));
     DigestingWriter writer(*copy, digest);
     std::ostream out(&writer);
-    const std::string command =
-        offset > 0 ? "tail -c +" + std::to_string(offset + 1) + " " + sh_quote(file.name)
-                   : "cat " + sh_quote(file.name);
     std::istream none(nullptr);
     std::ostringstream err;
-    const int rc = env().exec(command, none, out, err, true, true, updater);
+    const int rc =
+        offset > 0
+            ? env().exec("tail -c +" + std::to_string(offset + 1) + " " + sh_quote(file.name), none,
+                         out, err, true, true, updater)
+            : env().get(out, file.name, updater, &err);
     // Data the disk refused, at the last flush included, are no copy at all.
     const bool stored = writer.finish();
     copy->close();
@@ -297,19 +299,18 @@ class Splitter : public std::streambuf {
   private:
     bool openPart() {
         if (index_ >= end_) return false;
-        const std::string local = target_ + "/" + getFileNameFromPath(files_[index_].name);
+        local_ = localPath(target_, files_[index_]);
         starting_(index_);
-        copy_ = env_.openForWrite(local, false);
-        if (!copy_) TAVIK_RAISE(FileWrite, local, std::strerror(errno));
+        copy_ = env_.openForWrite(local_, false);
+        if (!copy_) TAVIK_RAISE(FileWrite, local_, std::strerror(errno));
         digest_ = Md5();
         written_ = 0;
         if (files_[index_].size == 0) finishPart();
         return true;
     }
     void finishPart() {
-        const std::string local = target_ + "/" + getFileNameFromPath(files_[index_].name);
         copy_->close();
-        if (!*copy_) TAVIK_RAISE(FileWrite, local, std::strerror(errno));
+        if (!*copy_) TAVIK_RAISE(FileWrite, local_, std::strerror(errno));
         copy_.reset();
         sums.push_back(written_ == files_[index_].size && !overflow_ ? digest_.hex() : "");
         taken.push_back(written_);
@@ -325,6 +326,7 @@ class Splitter : public std::streambuf {
     FileRetrievalProgressUpdater& updater_;
     Boundary starting_;
     Boundary finished_;
+    std::string local_;  // of the current part
     std::unique_ptr<std::ofstream> copy_;
     Md5 digest_;
     int64_t written_ = 0;

@@ -1,7 +1,5 @@
 #include "ferrygate/digesting_writer.h"
 
-#include <cstring>
-
 namespace tavik {
 
 namespace {

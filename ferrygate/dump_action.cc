@@ -1,4 +1,4 @@
-#include <cctype>
+#include <boost/lexical_cast.hpp>
 #include <cerrno>
 #include <cstring>
 #include <log4cpp/Category.hh>
@@ -16,16 +16,15 @@ namespace {
 // The byte count that `wc -c` printed before the file's name, or -1 for anything else: the
 // text comes from the source host.
 int64_t parseCount(const std::string& text) {
-    size_t at = 0;
-    while (at < text.size() && std::isspace(static_cast<unsigned char>(text[at]))) ++at;
-    int64_t count = 0;
-    size_t digits = 0;
-    for (; at < text.size() && std::isdigit(static_cast<unsigned char>(text[at])); ++at) {
-        if (++digits > 18) return -1;
-        count = count * 10 + (text[at] - '0');
+    std::istringstream words(text);
+    std::string count;
+    words >> count;
+    if (count.find_first_not_of("0123456789") != std::string::npos) return -1;
+    try {
+        return boost::lexical_cast<int64_t>(count);
+    } catch (const boost::bad_lexical_cast&) {
+        return -1;  // empty, or too large
     }
-    const bool ends = at == text.size() || std::isspace(static_cast<unsigned char>(text[at]));
-    return digits > 0 && ends ? count : -1;
 }
 
 }  // namespace
